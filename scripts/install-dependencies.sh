@@ -1,0 +1,39 @@
+#!/bin/bash
+# Installs the Debian packages that quillet needs. With --tests, also the
+# tools that the test suite drives (Ghostscript, Poppler, document makers).
+set -euo pipefail
+
+build_packages=(
+    cmake g++ make
+    qtbase5-dev qttools5-dev-tools
+    t1utils fonts-urw-base35
+)
+test_packages=(
+    ghostscript poppler-utils
+    groff enscript
+    util-linux mount
+    dpkg-dev file
+)
+
+packages=("${build_packages[@]}")
+if [ "${1:-}" = --tests ]; then
+    packages+=("${test_packages[@]}")
+fi
+
+# Install only what is missing, so that repeated runs stay quick and work
+# without network access once everything is there.
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$package")
+    fi
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "install-dependencies: run as root to install: ${missing[*]}" >&2
+        exit 1
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update
+    apt-get install -y --no-install-recommends "${missing[@]}"
+fi

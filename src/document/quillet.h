@@ -1,0 +1,41 @@
+// The document filter: scans the input's page structure and writes the marked output.
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QtGlobal>
+
+class QIODevice;
+
+// Line positions (0-based line indexes) of the input document.
+struct DocumentModel
+{
+    qint64 prologLine = 0;    // the first "%%BeginProlog" line; 0 when none
+    qint64 firstPageLine = 0; // the line before the first "%%Page:"; 0 when none
+    QList<qint64> pageEndLines; // the last line of every page, in page order
+};
+
+class Quillet
+{
+public:
+    // Runs the whole filter on the four files. Every failure is fatal.
+    void process(const QString& input, const QString& templateFile, const QString& variablesFile,
+                 const QString& output, bool duplex);
+
+    // Scans the input from its start into the model and tells the font
+    // catalogue which marker fonts the document already carries. Returns
+    // whether any page end was found; leaves the input at its end.
+    bool scanDocument(QIODevice& input, DocumentModel& model);
+};
+
+// Compares the next lines of the document with every line of the font file,
+// advancing the line counter for each document line read. True when the font
+// file's lines all match.
+bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter);
+
+// Copies count lines unchanged; nothing when count is 0 or less.
+void copyLines(QIODevice& input, QIODevice& output, qint64 count);
+
+// Copies the rest of the input. With a page count of 0 or more, "%%Pages:"
+// lines are rewritten with it; -1 leaves them as they are.
+void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount);

@@ -1,0 +1,87 @@
+// The font pieces of the marker block: font selection, underline procedures,
+// the two-byte encoding of marker text and the supplied-resources comment.
+#include "fonts/fonts.h"
+
+#include <QIODevice>
+
+namespace {
+
+// - -  Selects marker font %1 at size %2.
+const char SelectFont[] = "/%1 findfont %2 scalefont setfont\n";
+
+// - y  Underline position of marker font %1 at size %2, in user space.
+const char UnderlinePositionProc[] =
+    "/font-underline-pos {\n"
+    "  /%1 findfont %2 scalefont\n"
+    "  dup /FontInfo get\n"
+    "  dup /UnderlinePosition known { /UnderlinePosition get } { pop 2 px } ifelse\n"
+    "  0 exch\n"
+    "  3 2 roll /FontMatrix get transform\n"
+    "  exch pop\n"
+    "} def\n";
+
+// - y  Underline thickness of marker font %1 at size %2, in user space.
+const char UnderlineThicknessProc[] =
+    "/font-underline-thickness {\n"
+    "  /%1 findfont %2 scalefont\n"
+    "  dup /FontInfo get\n"
+    "  dup /UnderlineThickness known { /UnderlineThickness get } { pop 1 px } ifelse\n"
+    "  0 exch\n"
+    "  3 2 roll /FontMatrix get transform\n"
+    "  exch pop\n"
+    "} def\n";
+
+const char SuppliedResourcesFirst[] = "%%DocumentSuppliedResources: font ";
+const char SuppliedResourcesNext[] = "%%+font ";
+
+// A font size in the shortest general notation with six significant digits.
+QString sizeText(float size)
+{
+    return QString::number(double(size), 'g', 6);
+}
+
+} // namespace
+
+void Fonts::setFont(QIODevice& out, int style, float size)
+{
+    out.write(QString::fromLatin1(SelectFont)
+                  .arg(QLatin1String(markerFontNames[style]), sizeText(size))
+                  .toLatin1());
+    m_currentStyle = style;
+    m_currentSize = size;
+}
+
+void Fonts::writeUnderlineProcs(QIODevice& out) const
+{
+    const QLatin1String font(markerFontNames[m_currentStyle]);
+    const QString size = sizeText(m_currentSize);
+    out.write(QString::fromLatin1(UnderlinePositionProc).arg(font, size).toLatin1());
+    out.write(QString::fromLatin1(UnderlineThicknessProc).arg(font, size).toLatin1());
+}
+
+QString Fonts::encodeString(const QString& text) const
+{
+    // Each character becomes four hexadecimal digits: charset index and
+    // position in that charset. Code points beyond the 16-bit table are 0000.
+    QString result = QStringLiteral("<");
+    for (const uint codePoint : text.toUcs4()) {
+        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0;
+        result += QString::number(code, 16).rightJustified(4, QLatin1Char('0'));
+    }
+    result += QLatin1Char('>');
+    return result;
+}
+
+void Fonts::writeString(QIODevice& out, const QString& text) const
+{
+    out.write(encodeString(text).toLatin1());
+}
+
+void Fonts::writeSuppliedResources(QIODevice& out) const
+{
+    if (m_uniqueFonts.isEmpty())
+        return;
+    out.write(SuppliedResourcesFirst + m_uniqueFonts.first().toUtf8() + '\n');
+    for (int i = 1; i < m_uniqueFonts.size(); ++i)
+        out.write(SuppliedResourcesNext + m_uniqueFonts.at(i).toUtf8() + '\n');
+}

@@ -1,0 +1,209 @@
+// The font catalogue: the glyph list and the charset file under the CUPS
+// data directory.
+//
+// Glyph list lines read "0041 A": a hexadecimal code point and a PostScript
+// glyph name. A charset file starts with the line "charset utf8"; each further
+// line describes one charset: first and last code point, direction, width and
+// one to four font names (normal, bold, italic, bold-italic), as in
+//   0000 00FF ltor single Courier Courier-Bold Courier-Oblique Courier-BoldOblique
+#include "fonts/fonts.h"
+
+#include "common/paths.h"
+#include "common/trace.h"
+
+#include <QDebug>
+#include <QFile>
+
+#include <algorithm>
+
+namespace {
+
+const char GlyphListFile[] = "/data/psglyphs";
+const char CharsetsFolder[] = "/charsets/";
+const char DefaultCharset[] = "utf-8";
+const char CharsetFileHeader[] = "charset utf8\n";
+
+} // namespace
+
+Fonts::Fonts()
+{
+    m_glyphOfCode.fill(0);
+    m_codeOfGlyph.fill(0);
+    m_charsetWidth.fill(0);
+    m_charsetDirection.fill(0);
+}
+
+Fonts& Fonts::instance()
+{
+    static Fonts* fonts = new Fonts;
+    return *fonts;
+}
+
+void Fonts::reset()
+{
+    m_glyphNames.fill(QByteArray());
+    for (auto& names : m_fontNames)
+        names.fill(QString());
+    m_uniqueFonts.clear();
+    m_glyphOfCode.fill(0);
+    m_codeOfGlyph.fill(0);
+    m_charsetWidth.fill(0);
+    m_charsetDirection.fill(0);
+    m_charsetCount = 0;
+    m_currentSize = 0.0f;
+    m_currentStyle = 0;
+    m_identicalDocumentFonts.clear();
+    m_conflictingDocumentFonts.clear();
+    m_markerStyles.clear();
+    m_requiredFonts.clear();
+}
+
+bool Fonts::initialize(const QString& charset)
+{
+    qWarning() << "bool Fonts::initialize(const QString&)" << charset;
+    m_charsetCount = 0;
+    if (!readGlyphList())
+        return false;
+    return readCharsets(charset);
+}
+
+bool Fonts::readGlyphList()
+{
+    QFile file(QLatin1String(CupsDataDir) + QLatin1String(GlyphListFile));
+    if (!file.open(QIODevice::ReadOnly)) {
+        qWarning("Can not open glyphs file!");
+        return false;
+    }
+    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+        const QList<QByteArray> fields = line.split(' ');
+        // Lines without a name or with a code beyond the table are outside
+        // the format; they are passed over so that they cannot touch the table.
+        if (fields.size() < 2)
+            continue;
+        bool ok = false;
+        qlonglong code = fields.at(0).toLongLong(&ok, 16);
+        if (!ok)
+            code = 0;
+        if (code < 0 || code >= CodeCount)
+            continue;
+        m_glyphNames[code] = fields.at(1).simplified();
+    }
+    file.close();
+    return true;
+}
+
+bool Fonts::readCharsets(const QString& charset)
+{
+    const QString folder = QLatin1String(CupsDataDir) + QLatin1String(CharsetsFolder);
+    QFile file(folder + charset);
+    if (!file.open(QIODevice::ReadOnly)) {
+        qWarning("Can not open %s charset file!", charset.toLocal8Bit().constData());
+        file.setFileName(folder + QLatin1String(DefaultCharset));
+        if (!file.open(QIODevice::ReadOnly)) {
+            qWarning("Can not open utf-8 charset file!");
+            return false;
+        }
+    }
+
+    // A file without the exact header is closed; the loop below then reads
+    // nothing and the catalogue stays without charsets.
+    if (file.readLine() != CharsetFileHeader) {
+        file.close();
+        qWarning("Bad/Empty charset file %s !", file.fileName().toLocal8Bit().constData());
+    }
+
+    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+        if (line.at(0) == '#' || line.at(0) == '\n')
+            continue;
+        const QStringList fields = QString::fromLatin1(line).simplified().split(QLatin1Char(' '));
+        if (fields.size() < 5) {
+            file.close();
+            qWarning("Bad font description line: %s", line.constData());
+            return false;
+        }
+        bool ok = false;
+        const uint start = fields.at(0).toUInt(&ok, 16);
+        if (!ok) {
+            file.close();
+            qWarning("Bad start value!");
+            return false;
+        }
+        const uint end = fields.at(1).toUInt(&ok, 16);
+        if (!ok) {
+            file.close();
+            qWarning("Bad end value!");
+            return false;
+        }
+
+        const int n = m_charsetCount;
+        if (fields.at(2) == QLatin1String("ltor")) {
+            m_charsetDirection[n] = 0;
+        } else if (fields.at(2) == QLatin1String("rtol")) {
+            m_charsetDirection[n] = 1;
+        } else {
+            file.close();
+            qWarning("Wrong text direction: %s", fields.at(2).toLocal8Bit().constData());
+            return false;
+        }
+        if (fields.at(3) == QLatin1String("single")) {
+            m_charsetWidth[n] = 0;
+        } else if (fields.at(3) == QLatin1String("double")) {
+            m_charsetWidth[n] = 1;
+        } else {
+            file.close();
+            qWarning("Wrong text width %s", fields.at(3).toLocal8Bit().constData());
+            return false;
+        }
+
+        // Names beyond the fourth are listed as fonts but belong to no style;
+        // styles without a name of their own take the first.
+        for (int i = 4; i < fields.size(); ++i) {
+            if (!m_uniqueFonts.contains(fields.at(i)))
+                m_uniqueFonts.append(fields.at(i));
+        }
+        for (int style = 0; style < StyleCount; ++style)
+            m_fontNames[n][style] = fields.value(4 + style, fields.at(4));
+
+        // Map the span; a later charset covering the same code point wins.
+        // Codes or code points outside the 16-bit tables are passed over.
+        for (qint64 p = start; p <= qint64(end) && p < CodeCount; ++p) {
+            const qint64 code = qint64(n) * 256 + (p - start);
+            if (code >= CodeCount)
+                break;
+            m_glyphOfCode[p] = quint16(code);
+            m_codeOfGlyph[code] = quint16(p);
+        }
+
+        if (++m_charsetCount == MaxCharsets)
+            break;
+    }
+    file.close();
+    trace(QStringLiteral("Unique fonts: %1").arg(m_uniqueFonts.join(QStringLiteral(", "))));
+    return true;
+}
+
+QStringList Fonts::fontsForStyle(int style) const
+{
+    QStringList fonts;
+    if (style < 0 || style >= StyleCount)
+        return fonts;
+    for (int i = 0; i < m_charsetCount; ++i) {
+        if (!fonts.contains(m_fontNames[i][style]))
+            fonts.append(m_fontNames[i][style]);
+    }
+    return fonts;
+}
+
+void Fonts::setMarkerStyles(const QSet<int>& styles)
+{
+    m_markerStyles = styles;
+    m_requiredFonts.clear();
+    QList<int> sorted = styles.values();
+    std::sort(sorted.begin(), sorted.end());
+    for (int style : sorted) {
+        for (const QString& font : fontsForStyle(style)) {
+            if (!m_requiredFonts.contains(font))
+                m_requiredFonts.append(font);
+        }
+    }
+}

@@ -1,0 +1,112 @@
+// The process-wide font catalogue: glyph names, charsets, base fonts per
+// style, the marker font resources and the font procedures of the marker block.
+#pragma once
+
+#include <QByteArray>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+
+#include <array>
+#include <cstdint>
+
+class QIODevice;
+
+// Names of the four composite marker fonts, by marker font style id.
+inline constexpr const char* markerFontNames[] = {"Marker-Normal", "Marker-Bold", "Marker-Italic",
+                                                  "Marker-BoldItalic"};
+
+class Fonts
+{
+public:
+    static constexpr int CodeCount = 65536;
+    static constexpr int MaxCharsets = 256;
+    static constexpr int StyleCount = 4;
+
+    // Returns the catalogue, constructing it on the heap on first use.
+    static Fonts& instance();
+
+    // Returns the catalogue to the state of first use. The program never
+    // needs it; tests start afresh with it.
+    void reset();
+
+    // --- Catalogue -----------------------------------------------------------
+
+    // Reads the glyph list and the named charset file (falling back to
+    // "utf-8") from the CUPS data directory. Problems are warnings; returns
+    // false when the catalogue could not be read completely.
+    bool initialize(const QString& charset);
+
+    // The distinct base fonts of a style over all charsets, in charset order.
+    QStringList fontsForStyle(int style) const;
+
+    // Every font name met in the charset file, in order of first appearance.
+    QStringList uniqueFonts() const { return m_uniqueFonts; }
+
+    // Read access to the tables, for the resource writer and for tests.
+    int charsetCount() const { return m_charsetCount; }
+    QByteArray glyphName(int codePoint) const { return m_glyphNames[codePoint]; }
+    quint16 glyphOfCode(int codePoint) const { return m_glyphOfCode[codePoint]; }
+    quint16 codeOfGlyph(int code) const { return m_codeOfGlyph[code]; }
+    QString fontName(int charset, int style) const { return m_fontNames[charset][style]; }
+    int charsetWidth(int charset) const { return m_charsetWidth[charset]; }
+    int charsetDirection(int charset) const { return m_charsetDirection[charset]; }
+
+    // --- Marker font resources -----------------------------------------------
+
+    // Records the marker styles in use and computes the base fonts they need.
+    void setMarkerStyles(const QSet<int>& styles);
+    QSet<int> markerStyles() const { return m_markerStyles; }
+
+    // The base fonts that the marker styles need.
+    QStringList requiredFonts() const { return m_requiredFonts; }
+
+    // Fonts the document already carries with the catalogue's content, and
+    // fonts it carries under a catalogue name with other content.
+    void setIdenticalDocumentFonts(const QStringList& fonts) { m_identicalDocumentFonts = fonts; }
+    void setConflictingDocumentFonts(const QStringList& fonts) { m_conflictingDocumentFonts = fonts; }
+
+    // Writes the font programs, encodings, re-encoded base fonts and
+    // composite marker fonts.
+    void writeFontResources(QIODevice& out) const;
+
+    // --- Font procedures -----------------------------------------------------
+
+    // Writes the selection of a marker font at a size and remembers it.
+    void setFont(QIODevice& out, int style, float size);
+    int currentStyle() const { return m_currentStyle; }
+    float currentSize() const { return m_currentSize; }
+
+    // Writes the underline position and thickness procedures of the current font.
+    void writeUnderlineProcs(QIODevice& out) const;
+
+    // Returns the PostScript hexadecimal string of two-byte marker codes for a text.
+    QString encodeString(const QString& text) const;
+
+    // Writes encodeString(text) as Latin-1 bytes.
+    void writeString(QIODevice& out, const QString& text) const;
+
+    // Writes the document-supplied-resources comment for the unique fonts.
+    void writeSuppliedResources(QIODevice& out) const;
+
+private:
+    Fonts();
+
+    bool readGlyphList();
+    bool readCharsets(const QString& charset);
+
+    std::array<QByteArray, CodeCount> m_glyphNames;
+    std::array<std::array<QString, StyleCount>, MaxCharsets> m_fontNames;
+    QStringList m_uniqueFonts;
+    std::array<quint16, CodeCount> m_glyphOfCode;
+    std::array<quint16, CodeCount> m_codeOfGlyph;
+    std::array<qint32, MaxCharsets> m_charsetWidth;
+    std::array<qint32, MaxCharsets> m_charsetDirection;
+    qint32 m_charsetCount = 0;
+    float m_currentSize = 0.0f;
+    qint32 m_currentStyle = 0;
+    QStringList m_identicalDocumentFonts;
+    QStringList m_conflictingDocumentFonts;
+    QSet<int> m_markerStyles;
+    QStringList m_requiredFonts;
+};

@@ -1,0 +1,101 @@
+// The process-wide marker model: template reader, variable expansion and the
+// PostScript marker block of a page.
+#pragma once
+
+#include "marker/markerstring.h"
+
+#include <QMap>
+#include <QSet>
+#include <QString>
+
+class QIODevice;
+
+class Marker
+{
+public:
+    // Returns the model, creating it with its defaults on first use.
+    static Marker& instance();
+
+    // Returns the model to the state of first use. The program never needs
+    // it; tests start afresh with it.
+    void reset();
+
+    // --- Template side -------------------------------------------------------
+
+    // Reads the whole template from an open device into the model. Bad lines
+    // are skipped with a warning; strings whose text holds square brackets
+    // are expanded at once. Reads "mac-marker-font" from the store at the end.
+    void readTemplate(QIODevice& device);
+
+    // The charset name handed to the font catalogue ("utf-8" by default).
+    QString charset() const { return m_charset; }
+    // The font styles used by the template's string lines.
+    QSet<int> fontStyles() const { return m_fontStyles; }
+    // The strings by page type and position key.
+    const QMap<int, MarkerPositionMap>& strings() const { return m_strings; }
+    // Count above which the fonarik block uses its "fonarik_gt_5" strings.
+    int fonarikBoundary() const { return m_fonarikBoundary; }
+    // Whether security-label values have "_" replaced by a blank.
+    bool replaceUnderscore() const { return m_replaceUnderscore; }
+
+    // --- Variables side ------------------------------------------------------
+
+    // Returns the text with every [NAME] or {NAME} reference replaced by its
+    // value from the store, a site script or the user directory.
+    QString expandVariables(const QString& text) const;
+
+    // Runs a command line and returns its trimmed standard output.
+    QString runScript(const QString& command) const;
+
+    // Returns one directory attribute of the job's user, or an empty text.
+    QString directoryAttribute(const QString& attribute) const;
+
+    // --- Rendering side ------------------------------------------------------
+
+    // Writes the marker block's opening: page measurement, optional landscape
+    // turn and the five placement definitions.
+    void writeCommonVariables(QIODevice& out, bool fonarik, bool landscape) const;
+
+    // Writes the font selection and outline measurement of one string,
+    // leaving the encoded string on the operand stack.
+    void measureString(QIODevice& out, const MarkerStringPtr& string) const;
+
+    // Each paints the strings of one named position.
+    void drawTopLeft(QIODevice& out, const MarkerStringList& strings) const;
+    void drawTopCenter(QIODevice& out, const MarkerStringList& strings) const;
+    void drawTopRight(QIODevice& out, const MarkerStringList& strings) const;
+    void drawBottomLeft(QIODevice& out, const MarkerStringList& strings) const;
+    void drawBottomCenter(QIODevice& out, const MarkerStringList& strings) const;
+    void drawBottomRight(QIODevice& out, const MarkerStringList& strings) const;
+
+    // Paints the strings of a coordinate position such as {20;30} or {10mm;12mm}.
+    void drawAtOffset(QIODevice& out, const QString& position, const MarkerStringList& strings) const;
+
+    // Writes the marker block of one page (page counted from 1).
+    void drawMarker(QIODevice& out, int page, bool lastPage) const;
+
+    // Returns the strings that apply to a page: "first", "last" or "any".
+    MarkerPositionMap stringsForPage(int page, bool lastPage) const;
+
+    // Writes one marker block for a map of strings.
+    void drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape) const;
+
+    // Writes a fonarik marker block; the count chooses between the two
+    // fonarik page types.
+    void drawFonarik(QIODevice& out, int count) const;
+
+    // Returns the fonarik strings that apply to a count.
+    MarkerPositionMap fonarikStrings(int count) const;
+
+private:
+    Marker() = default;
+
+    void addString(int pageType, const QString& position, const MarkerStringPtr& string);
+    void drawPosition(QIODevice& out, int position, const MarkerStringList& strings) const;
+
+    QMap<int, MarkerPositionMap> m_strings;
+    int m_fonarikBoundary = 3;
+    bool m_replaceUnderscore = false;
+    QString m_charset = QStringLiteral("utf-8");
+    QSet<int> m_fontStyles;
+};

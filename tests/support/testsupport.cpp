@@ -1,0 +1,145 @@
+// Shared helpers of the tests.
+#include "support/testsupport.h"
+
+#include "common/paths.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+
+FixtureTree::FixtureTree()
+{
+    for (const char* folder : {"etc-cups", "share-cups", "translations", "job"})
+        QDir(m_dir.path()).mkpath(QLatin1String(folder));
+}
+
+QString FixtureTree::path(const QString& relative) const
+{
+    return m_dir.filePath(relative);
+}
+
+QString FixtureTree::write(const QString& relative, const QByteArray& content) const
+{
+    const QString file = path(relative);
+    writeFile(file, content);
+    return file;
+}
+
+QString FixtureTree::copy(const QString& source, const QString& relative) const
+{
+    const QString target = path(relative);
+    const QFileInfo info(source);
+    if (info.isDir()) {
+        QDirIterator it(source, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString file = it.next();
+            writeFile(target + QLatin1Char('/') + QDir(source).relativeFilePath(file), readFile(file));
+        }
+    } else {
+        writeFile(target, readFile(source));
+    }
+    return target;
+}
+
+QByteArray FixtureTree::read(const QString& relative) const
+{
+    return readFile(path(relative));
+}
+
+RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& arguments,
+                                    const QStringList& environment) const
+{
+    const QStringList sandboxArguments = QStringList()
+        << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
+        << QStringLiteral("--bind") << shareCups() << QLatin1String(CupsDataDir)
+        << QStringLiteral("--bind") << translations() << QLatin1String(TranslationsDir)
+        << QStringLiteral("--") << program << arguments;
+    return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job());
+}
+
+RunResult FixtureTree::runQuillet(const QStringList& arguments, const QStringList& environment) const
+{
+    return runInSandbox(quilletExecutable(), arguments, environment);
+}
+
+RunResult runProgram(const QString& program, const QStringList& arguments, const QStringList& environment,
+                     const QString& workingDirectory, int timeoutMs)
+{
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& entry : environment) {
+        const int equals = entry.indexOf(QLatin1Char('='));
+        env.insert(entry.left(equals), entry.mid(equals + 1));
+    }
+    process.setProcessEnvironment(env);
+    if (!workingDirectory.isEmpty())
+        process.setWorkingDirectory(workingDirectory);
+    process.start(program, arguments);
+    RunResult result;
+    if (!process.waitForStarted(timeoutMs)) {
+        result.crashed = true;
+        result.standardError = process.errorString().toLocal8Bit();
+        return result;
+    }
+    process.closeWriteChannel();
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        result.crashed = true;
+    }
+    result.standardOutput = process.readAllStandardOutput();
+    result.standardError = process.readAllStandardError();
+    result.exitCode = process.exitCode();
+    result.crashed = result.crashed || process.exitStatus() != QProcess::NormalExit;
+    return result;
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+bool writeFile(const QString& path, const QByteArray& content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return file.write(content) == content.size();
+}
+
+QString quilletExecutable()
+{
+    return QStringLiteral(QUILLET_EXECUTABLE);
+}
+
+QString testsSourceDir()
+{
+    return QStringLiteral(QUILLET_TESTS_DIR);
+}
+
+QString firstDifference(const QByteArray& actual, const QByteArray& expected)
+{
+    const QList<QByteArray> a = actual.split('\n');
+    const QList<QByteArray> e = expected.split('\n');
+    for (int i = 0; i < qMax(a.size(), e.size()); ++i) {
+        const QByteArray left = i < a.size() ? a.at(i) : QByteArray("<end of output>");
+        const QByteArray right = i < e.size() ? e.at(i) : QByteArray("<end of expected>");
+        if (left != right)
+            return QStringLiteral("first difference at line %1:\n  actual:   %2\n  expected: %3")
+                .arg(i + 1)
+                .arg(QString::fromLatin1(left.left(300)), QString::fromLatin1(right.left(300)));
+    }
+    return QStringLiteral("no difference");
+}
+
+bool haveProgram(const QString& name)
+{
+    return !QStandardPaths::findExecutable(name).isEmpty();
+}

@@ -1,0 +1,81 @@
+// Shared helpers of the tests: fixture trees shaped like the print server's
+// folders, runs of the real quillet executable inside them, and file helpers.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+// What a finished process left behind.
+struct RunResult
+{
+    int exitCode = -1;
+    bool crashed = false;
+    QByteArray standardOutput;
+    QByteArray standardError;
+};
+
+// A private folder holding stand-ins for the print server's folders:
+//   etc-cups/      bound onto the CUPS configuration directory
+//   share-cups/    bound onto the CUPS data directory
+//   translations/  bound onto the program's translations directory
+//   job/           the job's own files (input, template, variables, output)
+// Each starts empty; the test writes what the case needs.
+class FixtureTree
+{
+public:
+    FixtureTree();
+
+    QString root() const { return m_dir.path(); }
+    QString etcCups() const { return path(QStringLiteral("etc-cups")); }
+    QString shareCups() const { return path(QStringLiteral("share-cups")); }
+    QString translations() const { return path(QStringLiteral("translations")); }
+    QString job() const { return path(QStringLiteral("job")); }
+
+    // Absolute path of a file or folder below the root.
+    QString path(const QString& relative) const;
+
+    // Writes a file below the root, creating its folders; returns its path.
+    QString write(const QString& relative, const QByteArray& content) const;
+
+    // Copies a file or a whole folder into the tree; returns the new path.
+    QString copy(const QString& source, const QString& relative) const;
+
+    // Reads a file below the root (empty when it cannot be read).
+    QByteArray read(const QString& relative) const;
+
+    // Runs the built quillet with the arguments inside the sandbox, the three
+    // stand-in folders bound onto the real paths. Extra environment entries
+    // ("NAME=value") are added to the process environment.
+    RunResult runQuillet(const QStringList& arguments, const QStringList& environment = {}) const;
+
+    // Runs any command inside the same sandbox.
+    RunResult runInSandbox(const QString& program, const QStringList& arguments,
+                           const QStringList& environment = {}) const;
+
+private:
+    QTemporaryDir m_dir;
+};
+
+// Runs a program to its end (at most timeoutMs) and returns what it left.
+RunResult runProgram(const QString& program, const QStringList& arguments,
+                     const QStringList& environment = {}, const QString& workingDirectory = {},
+                     int timeoutMs = 120000);
+
+// Reads a whole file; empty when it cannot be read.
+QByteArray readFile(const QString& path);
+
+// Writes a whole file, creating its folders; false on failure.
+bool writeFile(const QString& path, const QByteArray& content);
+
+// The quillet executable under test and the tests' source folder.
+QString quilletExecutable();
+QString testsSourceDir();
+
+// A readable description of the first difference between two byte strings,
+// for failure messages of byte-exact comparisons.
+QString firstDifference(const QByteArray& actual, const QByteArray& expected);
+
+// Whether a program is found on the search path.
+bool haveProgram(const QString& name);
