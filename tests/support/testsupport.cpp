@@ -124,6 +124,11 @@ QString testsSourceDir()
     return QStringLiteral(QUILLET_TESTS_DIR);
 }
 
+QString catalogueDir()
+{
+    return QStringLiteral(QUILLET_CATALOGUE_DIR);
+}
+
 QString firstDifference(const QByteArray& actual, const QByteArray& expected)
 {
     const QList<QByteArray> a = actual.split('\n');

@@ -73,6 +73,10 @@ bool writeFile(const QString& path, const QByteArray& content);
 QString quilletExecutable();
 QString testsSourceDir();
 
+// The default font catalogue built for installation, shaped like the CUPS
+// data directory (data/psglyphs, charsets/utf-8, fonts/..., quillet/marker.defs).
+QString catalogueDir();
+
 // A readable description of the first difference between two byte strings,
 // for failure messages of byte-exact comparisons.
 QString firstDifference(const QByteArray& actual, const QByteArray& expected);
