@@ -1,11 +1,12 @@
 #!/bin/bash
-# Installs the Debian packages that quillet needs. With --tests, also the
-# tools that the test suite drives (Ghostscript, Poppler, document makers).
+# Installs the Debian packages that quillet needs to build. With --example,
+# also Ghostscript to render the example job; with --tests, also the tools
+# that the test suite drives (Ghostscript, Poppler, document makers).
 set -euo pipefail
 
 build_packages=(
     cmake g++ make
-    qtbase5-dev qttools5-dev-tools
+    qtbase5-dev qttools5-dev qttools5-dev-tools
     t1utils fonts-urw-base35
 )
 test_packages=(
@@ -16,9 +17,10 @@ test_packages=(
 )
 
 packages=("${build_packages[@]}")
-if [ "${1:-}" = --tests ]; then
-    packages+=("${test_packages[@]}")
-fi
+case "${1:-}" in
+    --example) packages+=(ghostscript) ;;
+    --tests) packages+=("${test_packages[@]}") ;;
+esac
 
 # Install only what is missing, so that repeated runs stay quick and work
 # without network access once everything is there.

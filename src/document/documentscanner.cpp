@@ -82,7 +82,7 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
             trace(QStringLiteral("Line %1 matches font resource line. Font name is %2").arg(counter).arg(font));
             QFile fontFile(QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font);
             if (!fontFile.open(QIODevice::ReadOnly))
-                fatal(QCoreApplication::translate("Quillet", QT_TRANSLATE_NOOP("Quillet", "Can not open marker font file %1"))
+                fatal(QCoreApplication::translate("Quillet", "Can not open marker font file %1")
                           .arg(fontFile.fileName()));
             const bool contentMatches = filesMatch(input, fontFile, counter);
             fontFile.close();
