@@ -49,6 +49,16 @@ QByteArray FixtureTree::read(const QString& relative) const
     return readFile(path(relative));
 }
 
+bool FixtureTree::exists(const QString& relative) const
+{
+    return QFileInfo::exists(path(relative));
+}
+
+QString FixtureTree::installCatalogue() const
+{
+    return copy(catalogueDir(), QStringLiteral("share-cups"));
+}
+
 RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& arguments,
                                     const QStringList& environment) const
 {
@@ -127,6 +137,29 @@ QString testsSourceDir()
 QString catalogueDir()
 {
     return QStringLiteral(QUILLET_CATALOGUE_DIR);
+}
+
+QByteArray minimalDocument(int pages)
+{
+    QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages)
+        + "\n%%EndComments\n%%BeginProlog\n%%EndProlog\n";
+    for (int page = 1; page <= pages; ++page) {
+        const QByteArray number = QByteArray::number(page);
+        document += "%%Page: " + number + ' ' + number + "\nnewpath 72 72 moveto 144 144 lineto stroke\n"
+                    "showpage\n%%PageTrailer\n";
+    }
+    return document + "%%Trailer\n%%EOF\n";
+}
+
+QMap<QString, QString> parseKeyValues(const QByteArray& bytes)
+{
+    QMap<QString, QString> pairs;
+    for (const QByteArray& line : bytes.split('\n')) {
+        const int equals = line.indexOf('=');
+        if (equals >= 0)
+            pairs.insert(QString::fromLocal8Bit(line.left(equals)), QString::fromLocal8Bit(line.mid(equals + 1)));
+    }
+    return pairs;
 }
 
 QString firstDifference(const QByteArray& actual, const QByteArray& expected)

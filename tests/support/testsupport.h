@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -45,6 +46,13 @@ public:
     // Reads a file below the root (empty when it cannot be read).
     QByteArray read(const QString& relative) const;
 
+    // Whether a file or folder exists below the root.
+    bool exists(const QString& relative) const;
+
+    // Copies the default font catalogue (catalogueDir(), shipped marker
+    // definitions included) into share-cups/; returns share-cups/.
+    QString installCatalogue() const;
+
     // Runs the built quillet with the arguments inside the sandbox, the three
     // stand-in folders bound onto the real paths. Extra environment entries
     // ("NAME=value") are added to the process environment.
@@ -76,6 +84,15 @@ QString testsSourceDir();
 // The default font catalogue built for installation, shaped like the CUPS
 // data directory (data/psglyphs, charsets/utf-8, fonts/..., quillet/marker.defs).
 QString catalogueDir();
+
+// A small DSC-structured PostScript document of the given number of pages:
+// header, prolog, one "%%Page:" section per page ending in "%%PageTrailer",
+// then "%%Trailer" and "%%EOF".
+QByteArray minimalDocument(int pages = 1);
+
+// The pairs of "key=value" lines, as the filter writes the variables file.
+// Each line is split at its first "="; lines without one are left out.
+QMap<QString, QString> parseKeyValues(const QByteArray& bytes);
 
 // A readable description of the first difference between two byte strings,
 // for failure messages of byte-exact comparisons.
