@@ -25,6 +25,16 @@ const QStringList& securityLabelVariables()
     return names;
 }
 
+// Ends a program that outlived its wait. Left running, it would be killed
+// by the process object's destructor with a warning on standard error.
+void stopProgram(QProcess& process)
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished();
+    }
+}
+
 bool isOpening(QChar c)
 {
     return c == QLatin1Char('[') || c == QLatin1Char('{');
@@ -91,7 +101,9 @@ QString Marker::runScript(const QString& command) const
     const QString program = words.takeFirst();
     process.start(program, words, QIODevice::ReadOnly);
     process.waitForFinished(ProgramWaitMs);
-    return QString::fromLocal8Bit(process.readAllStandardOutput()).trimmed();
+    const QByteArray output = process.readAllStandardOutput();
+    stopProgram(process);
+    return QString::fromLocal8Bit(output).trimmed();
 }
 
 QString Marker::directoryAttribute(const QString& attribute) const
@@ -120,5 +132,6 @@ QString Marker::directoryAttribute(const QString& attribute) const
         if (pieces.size() == 2)
             entries.insert(pieces.at(0).trimmed(), pieces.at(1).trimmed());
     }
+    stopProgram(ipa);
     return entries.value(attribute);
 }

@@ -60,3 +60,8 @@ void Variables::clear()
 {
     m_values.clear();
 }
+
+bool Variables::safeOutput() const
+{
+    return value(QStringLiteral("MarkerSafeOutput")) == QLatin1String("1");
+}

@@ -36,6 +36,10 @@ public:
     // Empties the store. The program never needs it; tests start afresh with it.
     void clear();
 
+    // Whether the print-safe corrections are on: the key "MarkerSafeOutput"
+    // holds "1". Without it the output is exactly the classic one.
+    bool safeOutput() const;
+
 private:
     Variables() = default;
 

@@ -1,0 +1,525 @@
+// Tests of variable expansion in marker texts: references to the store, site
+// scripts ("SCRIPT:") and the user directory ("FREEIPA:") through stand-in
+// "kinit" and "ipa" programs placed first on the search path.
+#include "marker/marker.h"
+#include "settings/variables.h"
+#include "support/testsupport.h"
+
+#include <QBuffer>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTextCodec>
+
+namespace {
+
+struct LoggedMessage
+{
+    QtMsgType type;
+    QString text;
+};
+
+QList<LoggedMessage> loggedMessages;
+QtMessageHandler previousHandler = nullptr;
+
+void captureMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
+{
+    loggedMessages.append({type, text});
+}
+
+QStringList loggedTexts()
+{
+    QStringList texts;
+    for (const LoggedMessage& message : qAsConst(loggedMessages))
+        texts.append(message.text);
+    return texts;
+}
+
+void readTemplate(const QByteArray& content)
+{
+    QBuffer buffer;
+    buffer.setData(content);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    Marker::instance().readTemplate(buffer);
+}
+
+void setReplaceUnderscore(bool on)
+{
+    readTemplate(on ? "replace_underscore=1\n" : "replace_underscore=0\n");
+    QCOMPARE(Marker::instance().replaceUnderscore(), on);
+}
+
+const QStringList securityLabelNames = {
+    QStringLiteral("LEVEL_NAME"),    QStringLiteral("LABEL_NAME"),
+    QStringLiteral("LABEL_NAME_FULL"), QStringLiteral("ILEVEL_NAME"),
+    QStringLiteral("CATEGORY_NAME"), QStringLiteral("mac-job-mac-level-name"),
+    QStringLiteral("LEV_NAME"),      QStringLiteral("ILEV_NAME"),
+    QStringLiteral("CAT_NAME")};
+
+// What the stand-in directory client prints for a user by default.
+const QByteArray directoryListing = "  User login: jdoe\n"
+                                    "  First name: Jane\n"
+                                    "  cn: Example User\n"
+                                    "  description: a: b\n"
+                                    "  mail: first@example.com\n"
+                                    "  mail: second@example.com\n"
+                                    "  title:Engineer\n"
+                                    "  ou:   Research  \n"
+                                    "Heading without separator\n"
+                                    "  : orphan value\n"
+                                    "  emptyvalue: \n"
+                                    "  shell: /bin/sh\n";
+
+} // namespace
+
+class TestMarkerVariables : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void init();
+    void cleanup();
+
+    void references_data();
+    void references();
+    void securityLabels_data();
+    void securityLabels();
+
+    void scripts_data();
+    void scripts();
+    void runScriptExpandsOnlyBracedCommands_data();
+    void runScriptExpandsOnlyBracedCommands();
+    void scriptThatHangs();
+    void scriptsAreRunForEveryReference();
+
+    void directoryUserName_data();
+    void directoryUserName();
+    void directoryEntries_data();
+    void directoryEntries();
+    void directoryReferences_data();
+    void directoryReferences();
+    void directoryWithoutUserRunsNothing_data();
+    void directoryWithoutUserRunsNothing();
+    void directoryIsAskedForEveryReference();
+    void directoryIgnoresFailingPrograms();
+    void directoryClientThatHangs();
+    void braceOnlyTemplateTextRunsNothingAtLoadTime();
+
+private:
+    QString script(const QString& name) const { return m_scripts.filePath(name); }
+    QString fakeBin(const QString& name) const { return m_fakeBin.filePath(name); }
+    QStringList directoryLog() const;
+    void writeScript(const QString& path, const QByteArray& body) const;
+    QString withScripts(QString text) const;
+
+    QTemporaryDir m_scripts;
+    QTemporaryDir m_fakeBin;
+    QByteArray m_savedPath;
+};
+
+void TestMarkerVariables::writeScript(const QString& path, const QByteArray& body) const
+{
+    QVERIFY(writeFile(path, "#!/bin/sh\n" + body));
+    QVERIFY(QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                            | QFileDevice::ReadGroup | QFileDevice::ExeGroup));
+}
+
+// Replaces the script placeholders (%ARGS% and the like) by their paths.
+QString TestMarkerVariables::withScripts(QString text) const
+{
+    for (const char* name : {"ARGS", "PADDED", "LINES", "FAILS", "LOCAL", "SLOW", "COUNTER"})
+        text.replace(QStringLiteral("%%1%").arg(QLatin1String(name)), script(QLatin1String(name)));
+    return text;
+}
+
+// Lines of the stand-in programs' log: "kinit <arg>..." and "ipa <arg>...".
+QStringList TestMarkerVariables::directoryLog() const
+{
+    const QString log = QString::fromUtf8(readFile(fakeBin(QStringLiteral("calls.log"))));
+    return log.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+void TestMarkerVariables::initTestCase()
+{
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    QVERIFY(m_scripts.isValid());
+    QVERIFY(m_fakeBin.isValid());
+
+    // Site scripts.
+    writeScript(script(QStringLiteral("ARGS")), "for a in \"$@\"; do printf '<%s>' \"$a\"; done\n");
+    writeScript(script(QStringLiteral("PADDED")), "printf '  \\n\\n  hello   world  \\n\\n\\t'\n");
+    writeScript(script(QStringLiteral("LINES")), "printf 'line1\\n  line2\\n\\nline3\\n'\n");
+    writeScript(script(QStringLiteral("FAILS")), "echo out\necho err >&2\nexit 3\n");
+    writeScript(script(QStringLiteral("LOCAL")), "printf '\\320\\237\\321\\200\\320\\270\\320\\262\\320\\265\\321\\202\\n'\n");
+    writeScript(script(QStringLiteral("SLOW")), "printf 'partial\\n'\nexec sleep 30\n");
+    writeScript(script(QStringLiteral("COUNTER")),
+                QByteArray("n=$(cat '") + script(QStringLiteral("count")).toUtf8()
+                    + "' 2>/dev/null || echo 0)\nn=$((n + 1))\necho $n > '" + script(QStringLiteral("count")).toUtf8()
+                    + "'\necho $n\n");
+
+    // Stand-in Kerberos and directory clients. Each logs its arguments, each
+    // in angle brackets, then runs a body that a test case may replace. When
+    // the file kinit-pause exists, kinit logs only after a pause, so that a
+    // caller that did not wait for it would see the directory client log first.
+    const QByteArray log = fakeBin(QStringLiteral("calls.log")).toUtf8();
+    writeScript(fakeBin(QStringLiteral("kinit")),
+                "[ -e '" + fakeBin(QStringLiteral("kinit-pause")).toUtf8()
+                    + "' ] && sleep 0.15\n{ printf 'kinit'; for a in \"$@\"; do printf ' <%s>' \"$a\"; done; echo; } >> '" + log
+                    + "'\nexec /bin/sh '" + fakeBin(QStringLiteral("kinit-body")).toUtf8() + "'\n");
+    writeScript(fakeBin(QStringLiteral("ipa")),
+                "{ printf 'ipa'; for a in \"$@\"; do printf ' <%s>' \"$a\"; done; echo; } >> '" + log
+                    + "'\nexec /bin/sh '" + fakeBin(QStringLiteral("ipa-body")).toUtf8() + "'\n");
+
+    m_savedPath = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(m_fakeBin.path()) + ':' + m_savedPath);
+}
+
+void TestMarkerVariables::cleanupTestCase()
+{
+    qputenv("PATH", m_savedPath);
+}
+
+void TestMarkerVariables::init()
+{
+    Variables& variables = Variables::instance();
+    variables.clear();
+    Marker::instance().reset();
+
+    variables.insert(QStringLiteral("DATE"), QStringLiteral("01.02.2024"));
+    variables.insert(QStringLiteral("A"), QStringLiteral("alpha"));
+    variables.insert(QStringLiteral("B"), QStringLiteral("beta"));
+    variables.insert(QStringLiteral("[A]"), QStringLiteral("inner"));
+    variables.insert(QStringLiteral(" PADDED "), QStringLiteral("padded"));
+    variables.insert(QStringLiteral("EMPTY"), QString());
+
+    QFile::remove(fakeBin(QStringLiteral("calls.log")));
+    QFile::remove(script(QStringLiteral("count")));
+    QFile::remove(fakeBin(QStringLiteral("kinit-pause")));
+    writeFile(fakeBin(QStringLiteral("listing")), directoryListing);
+    writeFile(fakeBin(QStringLiteral("kinit-body")), "exit 0\n");
+    writeFile(fakeBin(QStringLiteral("ipa-body")), "cat '" + fakeBin(QStringLiteral("listing")).toUtf8() + "'\n");
+
+    loggedMessages.clear();
+    previousHandler = qInstallMessageHandler(captureMessage);
+}
+
+void TestMarkerVariables::cleanup()
+{
+    qInstallMessageHandler(previousHandler);
+    // Expansion never reports anything.
+    QCOMPARE(loggedTexts(), QStringList());
+}
+
+// --- References to the store ---------------------------------------------------
+
+void TestMarkerVariables::references_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("square brackets") << "Printed [DATE]" << "Printed 01.02.2024";
+    QTest::newRow("braces") << "Printed {DATE}" << "Printed 01.02.2024";
+    QTest::newRow("mixed [ and }") << "[DATE}" << "01.02.2024";
+    QTest::newRow("mixed { and ]") << "{DATE]" << "01.02.2024";
+    QTest::newRow("text around and between references") << "a[A]b{B}c" << "aalphabbetac";
+    QTest::newRow("adjacent references") << "[A][B]" << "alphabeta";
+    QTest::newRow("text without references unchanged") << "plain text: 100%" << "plain text: 100%";
+    QTest::newRow("empty text") << "" << "";
+    QTest::newRow("absent key gives empty text") << "<[MISSING]>" << "<>";
+    QTest::newRow("key with empty value gives empty text") << "<[EMPTY]>" << "<>";
+    QTest::newRow("names are case-sensitive") << "<[date]>" << "<>";
+    QTest::newRow("empty reference gives empty text") << "<[]>" << "<>";
+    QTest::newRow("nesting: [[A]] looks up the name [A]") << "[[A]]" << "inner";
+    QTest::newRow("nesting with mixed kinds: {[A]} looks up [A]") << "{[A]}" << "inner";
+    QTest::newRow("name used untrimmed: [ DATE ] is empty") << "<[ DATE ]>" << "<>";
+    QTest::newRow("name used untrimmed: [ PADDED ] finds ' PADDED '") << "[ PADDED ]" << "padded";
+    QTest::newRow("name used untrimmed: [PADDED] misses ' PADDED '") << "<[PADDED]>" << "<>";
+    QTest::newRow("stray closing bracket: rest copied as is") << "x]y[X]z" << "x]y[X]z";
+    QTest::newRow("stray closing bracket after a reference") << "[A]]x[B]" << "alpha]x[B]";
+    QTest::newRow("reference before a stray closing bracket resolved") << "[A]x}[B]" << "alphax}[B]";
+    QTest::newRow("unterminated reference dropped with its bracket") << "Date: [DATE" << "Date: ";
+    QTest::newRow("unterminated after a resolved reference") << "[A] and [B" << "alpha and ";
+    QTest::newRow("unterminated nested reference dropped") << "x[[A]" << "x";
+    QTest::newRow("prefix without brackets is plain text") << "SCRIPT:/bin/echo x" << "SCRIPT:/bin/echo x";
+    QTest::newRow("underscores untouched when the flag is off") << "[LABEL_NAME]" << "TOP_SECRET";
+}
+
+void TestMarkerVariables::references()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+
+    Variables::instance().insert(QStringLiteral("LABEL_NAME"), QStringLiteral("TOP_SECRET"));
+    QCOMPARE(Marker::instance().expandVariables(text), expected);
+}
+
+void TestMarkerVariables::securityLabels_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("replaceUnderscore");
+    QTest::addColumn<QString>("expected");
+
+    for (const QString& name : securityLabelNames) {
+        QTest::addRow("flag on: %s has _ replaced", qPrintable(name)) << name << true << "TOP SECRET X";
+        QTest::addRow("flag off: %s keeps _", qPrintable(name)) << name << false << "TOP_SECRET_X";
+    }
+    QTest::newRow("flag on: other name keeps _") << "OTHER" << true << "TOP_SECRET_X";
+    QTest::newRow("flag on: list is case-sensitive, label_name keeps _") << "label_name" << true << "TOP_SECRET_X";
+    QTest::newRow("flag on: exact names only, LABEL keeps _") << "LABEL" << true << "TOP_SECRET_X";
+    QTest::newRow("flag on: exact names only, LABEL_NAME_FULL_X keeps _")
+        << "LABEL_NAME_FULL_X" << true << "TOP_SECRET_X";
+}
+
+void TestMarkerVariables::securityLabels()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, replaceUnderscore);
+    QFETCH(QString, expected);
+
+    setReplaceUnderscore(replaceUnderscore);
+    Variables::instance().insert(name, QStringLiteral("TOP_SECRET_X"));
+
+    // The underscore of the surrounding text is never touched.
+    QCOMPARE(Marker::instance().expandVariables(QStringLiteral("x_[%1]").arg(name)), QStringLiteral("x_") + expected);
+}
+
+// --- Site scripts ----------------------------------------------------------------
+
+void TestMarkerVariables::scripts_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("braced argument expanded: {SCRIPT:/bin/echo {DATE}}")
+        << "{SCRIPT:/bin/echo {DATE}}" << "01.02.2024";
+    QTest::newRow("braced command expands square-bracketed arguments too")
+        << "{SCRIPT:%ARGS% {A} [B]}" << "<alpha><beta>";
+    QTest::newRow("command without braces is not expanded") << "[SCRIPT:%ARGS% [B]]" << "<[B]>";
+    QTest::newRow("double quotes group words") << "{SCRIPT:%ARGS% \"a  b\" c}" << "<a  b><c>";
+    QTest::newRow("three double quotes are one literal quote") << "{SCRIPT:%ARGS% a\"\"\"b}" << "<a\"b>";
+    QTest::newRow("blanks around the command trimmed") << "{SCRIPT:   %ARGS% x   }" << "<x>";
+    QTest::newRow("leading and trailing whitespace of output removed") << "({SCRIPT:%PADDED%})" << "(hello   world)";
+    QTest::newRow("inner newlines kept") << "{SCRIPT:%LINES%}" << "line1\n  line2\n\nline3";
+    QTest::newRow("exit status and standard error ignored") << "{SCRIPT:%FAILS%}" << "out";
+    QTest::newRow("output decoded in the local encoding") << "{SCRIPT:%LOCAL%}" << QString::fromUtf8("Привет");
+    QTest::newRow("empty command gives empty text") << "<{SCRIPT:}>" << "<>";
+    QTest::newRow("blank command gives empty text") << "<{SCRIPT:   }>" << "<>";
+    QTest::newRow("missing program gives empty text") << "<{SCRIPT:/nonexistent/quillet-test-program x}>" << "<>";
+    QTest::newRow("script reference inside text") << "Before {SCRIPT:/bin/echo mid} after" << "Before mid after";
+    QTest::newRow("prefix is case-sensitive: script: is a store name") << "<{script:/bin/echo x}>" << "<>";
+    QTest::newRow("prefix must start the name") << "<{ SCRIPT:/bin/echo x}>" << "<>";
+    QTest::newRow("unterminated script reference dropped") << "x{SCRIPT:/bin/echo y" << "x";
+}
+
+void TestMarkerVariables::scripts()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+
+    QCOMPARE(Marker::instance().expandVariables(withScripts(text)), expected);
+}
+
+void TestMarkerVariables::runScriptExpandsOnlyBracedCommands_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("braces: references expanded") << "/bin/echo {DATE}" << "01.02.2024";
+    QTest::newRow("both kinds once braces are there") << "%ARGS% {A} [B]" << "<alpha><beta>";
+    QTest::newRow("square brackets only: left as written") << "%ARGS% [DATE]" << "<[DATE]>";
+    QTest::newRow("opening brace only: left as written") << "%ARGS% {DATE" << "<{DATE>";
+    QTest::newRow("closing brace only: left as written") << "%ARGS% DATE}" << "<DATE}>";
+    QTest::newRow("no words: empty text") << "" << "";
+}
+
+void TestMarkerVariables::runScriptExpandsOnlyBracedCommands()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, expected);
+
+    QCOMPARE(Marker::instance().runScript(withScripts(command)), expected);
+}
+
+void TestMarkerVariables::scriptThatHangs()
+{
+    QElapsedTimer timer;
+    timer.start();
+    const QString result = Marker::instance().expandVariables(withScripts(QStringLiteral("({SCRIPT:%SLOW%})")));
+    const qint64 elapsed = timer.elapsed();
+
+    // What the script wrote before the wait ended is kept.
+    QCOMPARE(result, QStringLiteral("(partial)"));
+    QVERIFY2(elapsed >= 3500 && elapsed < 8000, QByteArray::number(elapsed).constData());
+}
+
+void TestMarkerVariables::scriptsAreRunForEveryReference()
+{
+    QCOMPARE(Marker::instance().expandVariables(withScripts(QStringLiteral("{SCRIPT:%COUNTER%} {SCRIPT:%COUNTER%}"))),
+             QStringLiteral("1 2"));
+    QCOMPARE(Marker::instance().expandVariables(withScripts(QStringLiteral("{SCRIPT:%COUNTER%}"))),
+             QStringLiteral("3"));
+}
+
+// --- User directory ----------------------------------------------------------------
+
+void TestMarkerVariables::directoryUserName_data()
+{
+    QTest::addColumn<QString>("user");
+    QTest::addColumn<QString>("asked");
+
+    QTest::newRow("part before @ asked for") << "jdoe@EXAMPLE.COM" << "jdoe";
+    QTest::newRow("name without realm asked as is") << "jdoe" << "jdoe";
+    QTest::newRow("only the part before the first @") << "jdoe@sub@EXAMPLE.COM" << "jdoe";
+    QTest::newRow("name that is only a realm: asked with an empty name") << "@EXAMPLE.COM" << "";
+}
+
+void TestMarkerVariables::directoryUserName()
+{
+    QFETCH(QString, user);
+    QFETCH(QString, asked);
+
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), user);
+    writeFile(fakeBin(QStringLiteral("kinit-pause")), "");
+
+    QCOMPARE(Marker::instance().directoryAttribute(QStringLiteral("cn")), QStringLiteral("Example User"));
+    // A ticket first, waited for; then the directory client with exactly
+    // these arguments.
+    QCOMPARE(directoryLog(),
+             (QStringList{QStringLiteral("kinit <-kt> </etc/krb5.keytab>"),
+                          QStringLiteral("ipa <user-show> <%1> <--raw> <--all>").arg(asked)}));
+}
+
+void TestMarkerVariables::directoryEntries_data()
+{
+    QTest::addColumn<QString>("attribute");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("leading blanks of a line trimmed") << "cn" << "Example User";
+    QTest::newRow("key with a blank inside") << "User login" << "jdoe";
+    QTest::newRow("later duplicate key wins") << "mail" << "second@example.com";
+    QTest::newRow("value with another ': ' ignored") << "description" << "";
+    QTest::newRow("colon without blank does not separate") << "title" << "";
+    QTest::newRow("blanks around the value trimmed") << "ou" << "Research";
+    QTest::newRow("empty key piece dropped: line has one piece") << "" << "";
+    QTest::newRow("empty value: line has one piece") << "emptyvalue" << "";
+    QTest::newRow("value holding a slash") << "shell" << "/bin/sh";
+    QTest::newRow("attribute is case-sensitive") << "CN" << "";
+    QTest::newRow("attribute not trimmed here") << " cn" << "";
+    QTest::newRow("attribute not listed") << "uidnumber" << "";
+}
+
+void TestMarkerVariables::directoryEntries()
+{
+    QFETCH(QString, attribute);
+    QFETCH(QString, expected);
+
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe@EXAMPLE.COM"));
+
+    QCOMPARE(Marker::instance().directoryAttribute(attribute), expected);
+    QCOMPARE(directoryLog().size(), 2);
+}
+
+void TestMarkerVariables::directoryReferences_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<int>("calls");
+
+    QTest::newRow("braced reference") << "Name: {FREEIPA:cn}" << "Name: Example User" << 2;
+    QTest::newRow("square-bracketed reference") << "[FREEIPA:cn]" << "Example User" << 2;
+    QTest::newRow("attribute trimmed after the prefix") << "{FREEIPA:   cn  }" << "Example User" << 2;
+    QTest::newRow("attribute with a blank inside") << "{FREEIPA:User login}" << "jdoe" << 2;
+    QTest::newRow("unknown attribute gives empty text") << "<{FREEIPA:nothing}>" << "<>" << 2;
+    QTest::newRow("prefix is case-sensitive: freeipa: is a store name") << "<{freeipa:cn}>" << "<>" << 0;
+}
+
+void TestMarkerVariables::directoryReferences()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+    QFETCH(int, calls);
+
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe@EXAMPLE.COM"));
+
+    QCOMPARE(Marker::instance().expandVariables(text), expected);
+    QCOMPARE(directoryLog().size(), calls);
+}
+
+void TestMarkerVariables::directoryWithoutUserRunsNothing_data()
+{
+    QTest::addColumn<bool>("keyPresent");
+
+    QTest::newRow("no user key in the store") << false;
+    QTest::newRow("user key with an empty value") << true;
+}
+
+void TestMarkerVariables::directoryWithoutUserRunsNothing()
+{
+    QFETCH(bool, keyPresent);
+
+    if (keyPresent)
+        Variables::instance().insert(QStringLiteral("job-originating-user-name"), QString());
+
+    QCOMPARE(Marker::instance().expandVariables(QStringLiteral("<{FREEIPA:cn}>")), QStringLiteral("<>"));
+    QCOMPARE(Marker::instance().directoryAttribute(QStringLiteral("cn")), QString());
+    QVERIFY(!QFile::exists(fakeBin(QStringLiteral("calls.log"))));
+}
+
+void TestMarkerVariables::directoryIsAskedForEveryReference()
+{
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
+    writeFile(fakeBin(QStringLiteral("kinit-pause")), "");
+
+    QCOMPARE(Marker::instance().expandVariables(QStringLiteral("{FREEIPA:cn}/{FREEIPA:mail}")),
+             QStringLiteral("Example User/second@example.com"));
+    const QString kinit = QStringLiteral("kinit <-kt> </etc/krb5.keytab>");
+    const QString ipa = QStringLiteral("ipa <user-show> <jdoe> <--raw> <--all>");
+    QCOMPARE(directoryLog(), (QStringList{kinit, ipa, kinit, ipa}));
+
+    QCOMPARE(Marker::instance().expandVariables(QStringLiteral("{FREEIPA:cn}")), QStringLiteral("Example User"));
+    QCOMPARE(directoryLog().size(), 6);
+}
+
+void TestMarkerVariables::directoryIgnoresFailingPrograms()
+{
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
+    writeFile(fakeBin(QStringLiteral("kinit-body")), "exit 1\n");
+    writeFile(fakeBin(QStringLiteral("ipa-body")), "cat '" + fakeBin(QStringLiteral("listing")).toUtf8()
+                                                       + "'\necho 'ipa: ERROR: something' >&2\nexit 2\n");
+
+    QCOMPARE(Marker::instance().directoryAttribute(QStringLiteral("cn")), QStringLiteral("Example User"));
+    QCOMPARE(directoryLog().size(), 2);
+}
+
+void TestMarkerVariables::directoryClientThatHangs()
+{
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
+    writeFile(fakeBin(QStringLiteral("ipa-body")), "printf '  cn: Slow User\\n'\nexec sleep 30\n");
+
+    QElapsedTimer timer;
+    timer.start();
+    const QString value = Marker::instance().directoryAttribute(QStringLiteral("cn"));
+    const qint64 elapsed = timer.elapsed();
+
+    QCOMPARE(value, QStringLiteral("Slow User"));
+    QVERIFY2(elapsed >= 3500 && elapsed < 8000, QByteArray::number(elapsed).constData());
+}
+
+void TestMarkerVariables::braceOnlyTemplateTextRunsNothingAtLoadTime()
+{
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
+
+    readTemplate(withScripts(QStringLiteral("any:normal:12::top-left:{FREEIPA:cn}\n"
+                                            "any:normal:12::top-right:{SCRIPT:%COUNTER%}\n"))
+                     .toUtf8());
+
+    QCOMPARE(Marker::instance().strings().value(2).value(QStringLiteral("top-left")).size(), 1);
+    QVERIFY(!QFile::exists(fakeBin(QStringLiteral("calls.log"))));
+    QVERIFY(!QFile::exists(script(QStringLiteral("count"))));
+}
+
+QTEST_GUILESS_MAIN(TestMarkerVariables)
+#include "tst_markervariables.moc"
