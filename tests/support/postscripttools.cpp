@@ -162,6 +162,18 @@ QRect differenceBounds(const GrayPage& a, const GrayPage& b, int tolerance)
     return bounds;
 }
 
+qint64 erasedPixels(const GrayPage& original, const GrayPage& changed, int threshold)
+{
+    if (original.width != changed.width || original.height != changed.height)
+        return -1;
+    qint64 count = 0;
+    for (int i = 0; i < original.pixels.size(); ++i)
+        if (static_cast<unsigned char>(original.pixels.at(i)) < threshold
+            && static_cast<unsigned char>(changed.pixels.at(i)) >= threshold)
+            ++count;
+    return count;
+}
+
 qint64 inkPixels(const GrayPage& page, const QRect& area, int threshold)
 {
     const QRect clipped = area.intersected(QRect(0, 0, page.width, page.height));

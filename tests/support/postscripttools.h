@@ -64,6 +64,11 @@ qint64 differingPixels(const GrayPage& a, const GrayPage& b, const QRect& area, 
 // tolerance; a null rectangle when the pages are equal or differ in size.
 QRect differenceBounds(const GrayPage& a, const GrayPage& b, int tolerance = 0);
 
+// Number of pixels that are darker than threshold on the original page and
+// not on the changed one: ink that something painted over. -1 when the pages
+// differ in size.
+qint64 erasedPixels(const GrayPage& original, const GrayPage& changed, int threshold = 128);
+
 // Number of pixels darker than threshold within an area (clipped to the page).
 qint64 inkPixels(const GrayPage& page, const QRect& area, int threshold = 128);
 
