@@ -14,6 +14,7 @@ test_packages=(
     groff enscript
     util-linux mount
     dpkg-dev file
+    time
 )
 
 packages=("${build_packages[@]}")

@@ -9,6 +9,7 @@
 #include "common/paths.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
+#include "settings/variables.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -25,6 +26,8 @@ const char EndOfFile[] = "%%EOF";
 const char BeginFontResource[] = "%%BeginResource: font ";
 const char EndResource[] = "%%EndResource\n";
 const char FontsFolder[] = "/fonts/";
+const char BeginDocument[] = "%%BeginDocument";
+const char EndDocument[] = "%%EndDocument";
 
 } // namespace
 
@@ -61,9 +64,25 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
     QStringList identicalFonts;
     QStringList conflictingFonts;
 
+    // With print-safe output, documents embedded in this one (EPS figures
+    // between "%%BeginDocument" and "%%EndDocument", nested ones counted) are
+    // copied but not examined: their page and trailer comments are their own.
+    const bool skipEmbedded = Variables::instance().safeOutput();
+    int embeddedDepth = 0;
+
     qint64 counter = 0;
     while (!input.atEnd()) {
         const QByteArray line = input.readLine();
+        if (skipEmbedded) {
+            if (line.startsWith(BeginDocument))
+                ++embeddedDepth;
+            else if (embeddedDepth > 0 && line.startsWith(EndDocument))
+                --embeddedDepth;
+            if (embeddedDepth > 0 || line.startsWith(EndDocument)) {
+                ++counter;
+                continue;
+            }
+        }
         if (model.prologLine == 0 && line.startsWith(BeginProlog))
             model.prologLine = counter;
 

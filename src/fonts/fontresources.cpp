@@ -6,6 +6,7 @@
 
 #include "common/paths.h"
 #include "common/trace.h"
+#include "settings/variables.h"
 
 #include <QFile>
 #include <QMap>
@@ -38,14 +39,40 @@ const char ReencodeFont[] = "dup length 1 add dict begin\n"
 const char DefineReencodedFont[] = "/%1%2 exch definefont /%1%2 exch def\n";
 
 const char CompositeHeader[] = "% Create composite font\n";
-// - -  Opens the composite font dictionary and its Encoding array.
-const char CompositeStart[] = "8 dict begin\n"
-                              "/FontType 0 def/FontMatrix[1.0 0 0 1.0 0 0]def/FMapType 2 def /Encoding[\n";
+// - -  Opens the composite font dictionary.
+const char CompositeBegin[] = "8 dict begin\n";
+// - -  Defines the composite font's type and matrix and opens its Encoding array.
+const char CompositeFields[] = "/FontType 0 def/FontMatrix[1.0 0 0 1.0 0 0]def/FMapType 2 def /Encoding[\n";
 const char CompositeDescendants[] = "]def/FDepVector[\n";
 // - dict  Closes the composite font dictionary.
 const char CompositeEnd[] = "]def currentdict end\n";
 // dict - -  Defines the composite marker font.
 const char DefineCompositeFont[] = "/%1 exch definefont pop\n";
+
+// --- Print-safe output: underline metrics of the composite fonts ------------------
+
+// font key default markerUnderlineMetric value
+// The FontInfo entry key of a base font in text space units (its value run
+// through the font's matrix), or the default when the font lacks it. The
+// composite fonts have an identity matrix, so the result is in their units.
+const char UnderlineMetricProc[] = "/markerUnderlineMetric {\n"
+                                   "  3 1 roll 1 index /FontInfo known {\n"
+                                   "    1 index /FontInfo get dup 2 index known {\n"
+                                   "      exch get 0 exch 3 -1 roll /FontMatrix get dtransform exch pop exch pop\n"
+                                   "    } { pop pop pop } ifelse\n"
+                                   "  } { pop pop } ifelse\n"
+                                   "} bind def\n";
+// - -  The composite font's FontInfo, from the base font %1 of its first charset.
+const char CompositeFontInfo[] =
+    "/FontInfo 2 dict dup begin\n"
+    "/UnderlinePosition %1 /UnderlinePosition -0.1 markerUnderlineMetric def\n"
+    "/UnderlineThickness %1 /UnderlineThickness 0.05 markerUnderlineMetric def\n"
+    "end def\n";
+// - -  The composite font's FontInfo when there are no charsets.
+const char CompositeFontInfoDefault[] = "/FontInfo 2 dict dup begin\n"
+                                        "/UnderlinePosition -0.1 def\n"
+                                        "/UnderlineThickness 0.05 def\n"
+                                        "end def\n";
 
 // The name under which a conflicting font is embedded: its own name and a
 // number drawn from an unseeded, repeatable pseudo-random sequence.
@@ -149,9 +176,20 @@ void Fonts::writeFontResources(QIODevice& out) const
     }
 
     // 5. One composite font per used style.
+    // With print-safe output each composite font also gets the FontInfo that
+    // the underline procedures read, in the composite font's own units.
+    const bool safeOutput = Variables::instance().safeOutput();
     out.write(CompositeHeader);
+    if (safeOutput && m_charsetCount > 0)
+        out.write(UnderlineMetricProc);
     for (int style : styles) {
-        QByteArray composite = CompositeStart;
+        QByteArray composite = CompositeBegin;
+        if (safeOutput) {
+            composite += m_charsetCount > 0
+                ? QString::fromLatin1(CompositeFontInfo).arg(QLatin1String(markerFontNames[style]) + QLatin1Char('0')).toLatin1()
+                : QByteArray(CompositeFontInfoDefault);
+        }
+        composite += CompositeFields;
         for (int u = 0; u < m_charsetCount; ++u) {
             composite += QByteArray::number(u);
             if (u != m_charsetCount - 1)

@@ -106,13 +106,17 @@ bool Fonts::readCharsets(const QString& charset)
     }
 
     // A file without the exact header is closed; the loop below then reads
-    // nothing and the catalogue stays without charsets.
+    // nothing and the catalogue stays without charsets. (The loop tests that
+    // the file is open: reading a closed device would add a warning of its own.)
     if (file.readLine() != CharsetFileHeader) {
         file.close();
         qWarning("Bad/Empty charset file %s !", file.fileName().toLocal8Bit().constData());
     }
 
-    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+    while (file.isOpen()) {
+        const QByteArray line = file.readLine();
+        if (line.isEmpty())
+            break;
         if (line.at(0) == '#' || line.at(0) == '\n')
             continue;
         const QStringList fields = QString::fromLatin1(line).simplified().split(QLatin1Char(' '));

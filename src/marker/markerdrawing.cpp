@@ -38,6 +38,16 @@ const PlacementKey PlacementKeys[] = {
     {"markerStringInterval", "MarkerStringInterval", "FonarikStringInterval"},
 };
 
+// --- Isolation of the block (print-safe output) -----------------------------------
+
+// - save  Opens the block in a saved state with a dictionary of its own, so
+// that the document's graphics state, current font and dictionaries are
+// exactly as before once the block ends.
+const char IsolatedBlockBegin[] = "save 20 dict begin\n";
+// save -  Closes the block and returns to the document's state; the paint
+// stays on the page.
+const char IsolatedBlockEnd[] = "end restore\n";
+
 // --- Stacking of the strings of one position ---------------------------------
 
 // - -  TopPos: top edge of the first string box at a top position.
@@ -296,6 +306,10 @@ MarkerPositionMap Marker::stringsForPage(int page, bool lastPage) const
 
 void Marker::drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape) const
 {
+    const bool isolated = Variables::instance().safeOutput();
+    if (isolated)
+        out.write(IsolatedBlockBegin);
+
     writeCommonVariables(out, fonarik, landscape);
     for (int position = 0; position < MarkerPosition::Count; ++position)
         drawPosition(out, position, strings.value(QLatin1String(MarkerPosition::Names[position])));
@@ -305,6 +319,9 @@ void Marker::drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fon
         if (it.key().startsWith(QLatin1Char('{')))
             drawAtOffset(out, it.key(), it.value());
     }
+
+    if (isolated)
+        out.write(IsolatedBlockEnd);
 }
 
 void Marker::drawFonarik(QIODevice& out, int count) const

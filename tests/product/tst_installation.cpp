@@ -1,6 +1,7 @@
 // The installable product: what `cmake --install` and the Debian package put
 // on a print server, and that the installed program marks the example job.
 #include "common/paths.h"
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QDir>
@@ -163,12 +164,11 @@ void TestInstallation::installedProgramMarksExampleJob()
         QVERIFY2(content.contains(QStringLiteral("Page %1 of %2").arg(documentPage).arg(documentPages)),
                  qPrintable(content));
         QVERIFY2(content.contains(QStringLiteral("Для служебного пользования")), qPrintable(content));
-        QVERIFY2(content.contains(QStringLiteral("User: ivanov@EXAMPLE.ORG")), qPrintable(content));
+        QVERIFY2(content.contains(QStringLiteral("User ivanov@EXAMPLE.ORG")), qPrintable(content));
         QCOMPARE(content.contains(QStringLiteral("Registered copy, first sheet")), documentPage == 1);
     }
-    const RunResult count = runProgram(QStringLiteral("pdfinfo"), {pdf});
-    QVERIFY2(count.standardOutput.contains("Pages:          " + QByteArray::number(pages) + '\n'),
-             count.standardOutput.constData());
+    QCOMPARE(pdfPageCount(pdf), pages);
+    QCOMPARE(ghostscriptErrors(marked), QString());
 }
 
 void TestInstallation::fatalMessageFollowsLocale_data()
