@@ -3,14 +3,18 @@
 // font and show encoded text is rendered by Ghostscript. The test proves that
 // it renders without error, that every letter paints ink (a glyph name the
 // font lacks would still extract as text but paint nothing), that the text
-// comes back out of a PDF made from it, and that the underline procedures
-// run on the marker fonts.
+// comes back out of a PDF made from it, and what the underline procedures do
+// on the marker fonts: without print-safe output the composite fonts have no
+// FontInfo and Ghostscript stops; with "MarkerSafeOutput=1" the procedures
+// give the base fonts' own metrics and paint a line just below the text.
 //
 // The default catalogue is copied into the CUPS data directory of the test's
 // sandbox (see fontsandbox.h) and read by the real Fonts::initialize.
 #include "fontsandbox.h"
 
 #include "fonts/fonts.h"
+#include "settings/variables.h"
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QBuffer>
@@ -38,14 +42,38 @@ struct Page
     int size = TextSize;
 };
 
-// The font resources of the default catalogue for all four marker styles.
-QByteArray fontResources()
+// The font resources of the default catalogue for all four marker styles,
+// classic or print-safe ("MarkerSafeOutput=1" in the store while they are
+// written; the store is left empty again).
+QByteArray fontResources(bool safeOutput = false)
 {
+    if (safeOutput)
+        Variables::instance().insert(QStringLiteral("MarkerSafeOutput"), QStringLiteral("1"));
     QByteArray data;
     QBuffer buffer(&data);
     buffer.open(QIODevice::WriteOnly);
     Fonts::instance().writeFontResources(buffer);
+    Variables::instance().clear();
     return data;
+}
+
+// "%!PS", the resources, the selection of a marker font and the underline
+// procedures for it, then `body`.
+QByteArray underlineDocument(const QByteArray& resources, int style, float size, const QByteArray& body)
+{
+    QByteArray ps = "%!PS\n" + resources;
+    QBuffer buffer(&ps);
+    buffer.open(QIODevice::WriteOnly | QIODevice::Append);
+    Fonts::instance().setFont(buffer, style, size);
+    Fonts::instance().writeUnderlineProcs(buffer);
+    buffer.close();
+    return ps + body;
+}
+
+// Runs Ghostscript on a file without output pages; what it printed.
+RunResult interpret(const QString& file)
+{
+    return runProgram(QStringLiteral("gs"), {"-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=nullpage", file});
 }
 
 // "%!PS", the font resources, then one page per entry.
@@ -122,14 +150,19 @@ private slots:
     void inkGrowsWithText();
     void textComesBackFromPdf_data();
     void textComesBackFromPdf();
+    void underlineStopsWithoutSafeOutput_data();
+    void underlineStopsWithoutSafeOutput();
     void underlineProceduresMeasureMarkerFonts_data();
     void underlineProceduresMeasureMarkerFonts();
+    void underlinePaintsBelowText_data();
+    void underlinePaintsBelowText();
 
 private:
     int ink(int style, const QString& text) const;
 
     QTemporaryDir m_dir;
     QByteArray m_resources;
+    QByteArray m_safeResources;
     QList<Page> m_pages;
     RunResult m_render;
     QList<int> m_ink;
@@ -150,11 +183,14 @@ void TestFontRendering::initTestCase()
                  QStringList{"warning: bool Fonts::initialize(const QString&) \"utf-8\""});
     }
     Fonts::instance().setMarkerStyles({0, 1, 2, 3});
+    QVERIFY(!Variables::instance().contains(QStringLiteral("MarkerSafeOutput")));
     {
         MessageRecorder recorder;
         m_resources = fontResources();
+        m_safeResources = fontResources(true);
         QCOMPARE(recorder.messages(), QStringList{});
     }
+    QVERIFY(m_safeResources != m_resources);
 
     // Pages: nothing; each letter alone; controls; growing texts; all styles.
     m_pages << Page{0, QString()};
@@ -292,6 +328,27 @@ void TestFontRendering::textComesBackFromPdf()
     QCOMPARE(QString::fromUtf8(extract.standardOutput).simplified(), text);
 }
 
+void TestFontRendering::underlineStopsWithoutSafeOutput_data()
+{
+    QTest::addColumn<int>("style");
+    for (int style = 0; style < Fonts::StyleCount; ++style)
+        QTest::addRow("%s", markerFontNames[style]) << style;
+}
+
+void TestFontRendering::underlineStopsWithoutSafeOutput()
+{
+    // The classic composite marker fonts have no FontInfo; the underline
+    // procedures look it up and Ghostscript stops.
+    QFETCH(int, style);
+    const QString input = m_dir.filePath(QStringLiteral("underline-classic-%1.ps").arg(style));
+    QVERIFY(writeFile(input, underlineDocument(m_resources, style, 12, "font-underline-pos ==\n")));
+    const RunResult run = interpret(input);
+    const QByteArray output = run.standardOutput + run.standardError;
+    QVERIFY2(!run.crashed && run.exitCode != 0, output.constData());
+    QVERIFY2(output.contains("Error: /undefined in --get--"), output.constData());
+    QVERIFY2(output.contains("FontInfo"), output.constData());
+}
+
 void TestFontRendering::underlineProceduresMeasureMarkerFonts_data()
 {
     QTest::addColumn<int>("style");
@@ -302,28 +359,20 @@ void TestFontRendering::underlineProceduresMeasureMarkerFonts_data()
 
 void TestFontRendering::underlineProceduresMeasureMarkerFonts()
 {
-    // After a marker font is selected, the two underline procedures must run
-    // on it and give what the charset-0 base font's own metrics give at the
-    // same size. The document defines no "px": the metrics must come from
-    // the font.
+    // With print-safe output, after a marker font is selected, the two
+    // underline procedures must run on it and give what the charset-0 base
+    // font's own metrics give at the same size. The document defines no
+    // "px": the metrics must come from the font.
     QFETCH(int, style);
-    QByteArray ps = "%!PS\n" + m_resources;
-    {
-        QBuffer buffer(&ps);
-        buffer.open(QIODevice::WriteOnly | QIODevice::Append);
-        Fonts::instance().setFont(buffer, style, 12);
-        Fonts::instance().writeUnderlineProcs(buffer);
-    }
     const QByteArray base = Fonts::instance().fontName(0, style).toLatin1();
-    ps += "font-underline-pos == font-underline-thickness ==\n";
+    QByteArray body = "font-underline-pos == font-underline-thickness ==\n";
     for (const char* key : {"UnderlinePosition", "UnderlineThickness"})
-        ps += "/" + base + " findfont 12 scalefont dup /FontInfo get /" + key +
-              " get 0 exch 3 2 roll /FontMatrix get transform exch pop ==\n";
+        body += "/" + base + " findfont 12 scalefont dup /FontInfo get /" + key +
+                " get 0 exch 3 2 roll /FontMatrix get transform exch pop ==\n";
     const QString input = m_dir.filePath(QStringLiteral("underline-%1.ps").arg(style));
-    QVERIFY(writeFile(input, ps));
+    QVERIFY(writeFile(input, underlineDocument(m_safeResources, style, 12, body)));
 
-    const RunResult run = runProgram(QStringLiteral("gs"),
-                                     {"-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=nullpage", input});
+    const RunResult run = interpret(input);
     const QByteArray output = run.standardOutput + run.standardError;
     QVERIFY2(!run.crashed && run.exitCode == 0 && !output.contains("Error"), output.constData());
     const QList<QByteArray> values = run.standardOutput.simplified().split(' ');
@@ -339,6 +388,90 @@ void TestFontRendering::underlineProceduresMeasureMarkerFonts()
     // The interpreter computes in single precision: equal to a thousandth of a point.
     QVERIFY2(qAbs(position - basePosition) < 1e-3, run.standardOutput.constData());
     QVERIFY2(qAbs(thickness - baseThickness) < 1e-3, run.standardOutput.constData());
+}
+
+void TestFontRendering::underlinePaintsBelowText_data()
+{
+    QTest::addColumn<int>("style");
+    for (int style = 0; style < Fonts::StyleCount; ++style)
+        QTest::addRow("%s", markerFontNames[style]) << style;
+}
+
+void TestFontRendering::underlinePaintsBelowText()
+{
+    // With print-safe output, a text in a marker font and a line drawn the
+    // way the marker block underlines (from the text's origin, offset by
+    // font-underline-pos, stroked font-underline-thickness wide). Page 1
+    // shows the text alone, page 2 the text and the line: what differs is
+    // the line. It must lie just below the baseline, where the procedures
+    // say, as thick as they say, and run unbroken under the whole text.
+    QFETCH(int, style);
+    const int resolution = 144;
+    const double scale = resolution / 72.0;
+    const QByteArray text = Fonts::instance().encodeString(QStringLiteral("Hello")).toLatin1();
+    const QByteArray setup = "<< /PageSize [" + QByteArray::number(PageWidth) + ' ' + QByteArray::number(PageHeight) +
+                             "] >> setpagedevice\n"
+                             "font-underline-pos == font-underline-thickness == 72 0 moveto " + text +
+                             " stringwidth pop ==\n";
+    const QByteArray show = "72 " + QByteArray::number(Baseline) + " moveto " + text + " show\n";
+    const QByteArray underline = "newpath font-underline-thickness setlinewidth 72 " + QByteArray::number(Baseline) +
+                                 " font-underline-pos add moveto " + text + " stringwidth pop 0 rlineto stroke\n";
+    const QString input = m_dir.filePath(QStringLiteral("underline-ink-%1.ps").arg(style));
+    QVERIFY(writeFile(input, underlineDocument(m_safeResources, style, TextSize,
+                                               setup + show + "showpage\n" + show + underline + "showpage\n")));
+
+    const QString pages = m_dir.filePath(QStringLiteral("underline-ink-%1-%d.pgm").arg(style));
+    const auto pageFile = [&](int page) {
+        return m_dir.filePath(QStringLiteral("underline-ink-%1-%2.pgm").arg(style).arg(page));
+    };
+    const RunResult run = runProgram(QStringLiteral("gs"),
+                                     {"-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=pgmraw",
+                                      "-r" + QString::number(resolution), "-sOutputFile=" + pages, input});
+    const QByteArray output = run.standardOutput + run.standardError;
+    QVERIFY2(!run.crashed && run.exitCode == 0 && !output.contains("Error"), output.constData());
+    const QList<QByteArray> values = run.standardOutput.simplified().split(' ');
+    QCOMPARE(values.size(), 3);
+    const double position = values.at(0).toDouble();
+    const double thickness = values.at(1).toDouble();
+    const double width = values.at(2).toDouble();
+    // Sensible metrics for a text face: a little below the baseline, thin.
+    QVERIFY2(position < -0.05 * TextSize && position > -0.25 * TextSize, output.constData());
+    QVERIFY2(thickness > 0.02 * TextSize && thickness < 0.1 * TextSize, output.constData());
+    QVERIFY2(width > TextSize, output.constData());
+
+    const GrayPage textOnly = parsePgm(readFile(pageFile(1)));
+    const GrayPage underlined = parsePgm(readFile(pageFile(2)));
+    QVERIFY(!textOnly.isNull() && !underlined.isNull());
+    const QRect textInk = inkBounds(textOnly);
+    const QRect line = differenceBounds(underlined, textOnly);
+    QVERIFY(!textInk.isNull());
+    QVERIFY2(!line.isNull(), "the underline paints nothing");
+    const QString geometry = QStringLiteral("text x %1..%2 y %3..%4, line x %5..%6 y %7..%8; procedures: %9")
+                                 .arg(textInk.left()).arg(textInk.right()).arg(textInk.top()).arg(textInk.bottom())
+                                 .arg(line.left()).arg(line.right()).arg(line.top()).arg(line.bottom())
+                                 .arg(QString::fromLatin1(run.standardOutput.simplified()));
+
+    // Rows from the top of the page; the baseline's row and the line's
+    // middle and thickness as the procedures give them.
+    const double baselineRow = (PageHeight - Baseline) * scale;
+    const double middle = (PageHeight - Baseline - position) * scale;
+    QVERIFY2(qAbs(textInk.bottom() - baselineRow) <= 0.02 * TextSize * scale + 1, qPrintable(geometry));
+    QVERIFY2(line.top() > textInk.bottom(), qPrintable(geometry));
+    QVERIFY2(qAbs((line.top() + line.bottom() + 1) / 2.0 - middle) <= 1.5, qPrintable(geometry));
+    // Ghostscript paints every pixel that the stroke touches: up to two rows more.
+    QVERIFY2(line.height() >= thickness * scale - 1 && line.height() <= thickness * scale + 2, qPrintable(geometry));
+    // From the text's origin to its advance width, unbroken.
+    QVERIFY2(qAbs(line.left() - 72 * scale) <= 1.5 && qAbs(line.right() + 1 - (72 + width) * scale) <= 1.5,
+             qPrintable(geometry));
+    int longest = 0;
+    for (int row = line.top(); row <= line.bottom(); ++row) {
+        int run = 0;
+        for (int x = line.left(); x <= line.right(); ++x) {
+            run = underlined.at(x, row) < 128 ? run + 1 : 0;
+            longest = qMax(longest, run);
+        }
+    }
+    QVERIFY2(longest >= line.width() - 1, qPrintable(geometry + QStringLiteral(", longest run %1").arg(longest)));
 }
 
 QUILLET_FONTS_TEST_MAIN(TestFontRendering)

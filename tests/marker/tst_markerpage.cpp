@@ -3,7 +3,9 @@
 // inside the sandbox (the font catalogue bound onto the CUPS data
 // directory): font resources, page content, the block of drawMarker and
 // showpage. ps2pdf turns it into PDF, and pdftotext -bbox reports a box per
-// word in points, measured from the page's top-left corner.
+// word in points, measured from the page's top-left corner. Underlined
+// strings are looked at in Ghostscript's raster of the page.
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QCoreApplication>
@@ -67,13 +69,16 @@ private slots:
     void coordinatePositions_data();
     void coordinatePositions();
     void pageContentKept();
-    void underlinedStringRenders();
+    void underlinedStringStopsWithoutSafeOutput();
+    void underlinedStringPaintsLineWithSafeOutput();
 
 private:
-    // Writes a page with the template in the sandbox and converts it to
-    // PDF; returns false (with a failure recorded) when the page cannot be
+    // Writes a page with the template in the sandbox (the placement
+    // definitions and any extra ones in the store) and converts it to PDF;
+    // returns false (with a failure recorded) when the page cannot be
     // written.
-    bool render(const QByteArray& markerTemplate, const QString& name, RunResult& ps2pdf, QString& pdf);
+    bool render(const QByteArray& markerTemplate, const QString& name, RunResult& ps2pdf, QString& pdf,
+                const QByteArray& extraDefinitions = {});
 
     FixtureTree m_tree;
     RunResult m_writer;
@@ -117,10 +122,12 @@ void TestMarkerPage::initTestCase()
     }
 }
 
-bool TestMarkerPage::render(const QByteArray& markerTemplate, const QString& name, RunResult& ps2pdf, QString& pdf)
+bool TestMarkerPage::render(const QByteArray& markerTemplate, const QString& name, RunResult& ps2pdf, QString& pdf,
+                            const QByteArray& extraDefinitions)
 {
     const QString templateFile = m_tree.write(QStringLiteral("job/%1.template").arg(name), markerTemplate);
-    const QString definitionsFile = m_tree.write(QStringLiteral("job/definitions"), Definitions);
+    const QString definitionsFile =
+        m_tree.write(QStringLiteral("job/%1.definitions").arg(name), Definitions + extraDefinitions);
     const QString document = m_tree.path(QStringLiteral("job/%1.ps").arg(name));
     pdf = m_tree.path(QStringLiteral("job/%1.pdf").arg(name));
     const QString writer = QCoreApplication::applicationDirPath() + QStringLiteral("/tst_markerpage_writer");
@@ -260,18 +267,83 @@ void TestMarkerPage::pageContentKept()
     QVERIFY(qAbs(m_words.value(QStringLiteral("BODYTEXT")).left() - 250) <= Tolerance);
 }
 
-void TestMarkerPage::underlinedStringRenders()
+void TestMarkerPage::underlinedStringStopsWithoutSafeOutput()
 {
     // The underline procedures read the FontInfo dictionary of the composite
-    // marker font, which the font resources do not give it; the interpreter
-    // stops with "undefined in --get--".
+    // marker font, which the classic font resources do not give it: the
+    // interpreter stops with "undefined in --get--".
     RunResult ps2pdf;
     QString pdf;
-    QVERIFY(render("any:normal:12:underline::top-left:ALPHA\n", QStringLiteral("underlined"), ps2pdf, pdf));
-    QEXPECT_FAIL("", "the composite marker fonts carry no FontInfo for the underline procedures", Continue);
-    QVERIFY2(!ps2pdf.crashed && ps2pdf.exitCode == 0, (ps2pdf.standardOutput + ps2pdf.standardError).constData());
-    // Once the fonts carry what the procedures read, both lines go.
-    QVERIFY((ps2pdf.standardOutput + ps2pdf.standardError).contains("/undefined in --get--"));
+    QVERIFY(render("any:normal:12:underline::top-left:ALPHA\n", QStringLiteral("underlined-classic"), ps2pdf, pdf));
+    const QByteArray messages = ps2pdf.standardOutput + ps2pdf.standardError;
+    QVERIFY2(!ps2pdf.crashed && ps2pdf.exitCode != 0, messages.constData());
+    QVERIFY2(messages.contains("/undefined in --get--"), messages.constData());
+}
+
+void TestMarkerPage::underlinedStringPaintsLineWithSafeOutput()
+{
+    // With "MarkerSafeOutput=1" the page converts without error and the
+    // string reads as before. The same page without the underline flag
+    // shows where the string's ink is; what the underline adds is a thin
+    // line just below it (ALPHA has no descender: just below the baseline),
+    // running unbroken under the whole string.
+    const int resolution = 144;
+    const double pixelsPerPoint = resolution / 72.0;
+    const QByteArray safeOutput = "MarkerSafeOutput=1\n";
+    RunResult ps2pdf;
+    QString pdf;
+    QVERIFY(render("any:normal:12:underline::top-left:ALPHA\n", QStringLiteral("underlined"), ps2pdf, pdf, safeOutput));
+    const QByteArray messages = ps2pdf.standardOutput + ps2pdf.standardError;
+    QVERIFY2(!ps2pdf.crashed && ps2pdf.exitCode == 0 && !messages.contains("Error"), messages.constData());
+    const RunResult text = runProgram(QStringLiteral("pdftotext"), {pdf, QStringLiteral("-")});
+    QCOMPARE(QString::fromUtf8(text.standardOutput).simplified(), QStringLiteral("ALPHA BODYTEXT"));
+
+    RunResult plainPdf;
+    QString plain;
+    QVERIFY(render("any:normal:12::top-left:ALPHA\n", QStringLiteral("plain"), plainPdf, plain, safeOutput));
+    QString error;
+    const QList<GrayPage> underlined = renderPages(m_tree.path(QStringLiteral("job/underlined.ps")), resolution, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    const QList<GrayPage> withoutLine = renderPages(m_tree.path(QStringLiteral("job/plain.ps")), resolution, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QCOMPARE(underlined.size(), 1);
+    QCOMPARE(withoutLine.size(), 1);
+
+    // The string's ink: the only ink in the top 100 points of the page.
+    const GrayPage& page = underlined.first();
+    const int band = int(100 * pixelsPerPoint);
+    QRect word;
+    for (int y = 0; y < band; ++y)
+        for (int x = 0; x < page.width; ++x)
+            if (withoutLine.first().at(x, y) < 128)
+                word |= QRect(x, y, 1, 1);
+    QVERIFY(!word.isNull());
+    QVERIFY2(qAbs(word.left() - LeftShift * pixelsPerPoint) <= Tolerance * pixelsPerPoint,
+             qPrintable(QStringLiteral("ALPHA starts at pixel %1").arg(word.left())));
+
+    const QRect line = differenceBounds(page, withoutLine.first());
+    const QString geometry = QStringLiteral("ALPHA x %1..%2 y %3..%4, underline x %5..%6 y %7..%8")
+                                 .arg(word.left()).arg(word.right()).arg(word.top()).arg(word.bottom())
+                                 .arg(line.left()).arg(line.right()).arg(line.top()).arg(line.bottom());
+    QVERIFY2(!line.isNull(), "the underline paints nothing");
+    // Just below the baseline, with a clear row between: within a quarter
+    // of the font size.
+    QVERIFY2(line.top() > word.bottom() + 1 && line.top() - word.bottom() <= 12 * 0.25 * pixelsPerPoint,
+             qPrintable(geometry));
+    // Thin: at most about a tenth of the font size.
+    QVERIFY2(line.height() <= 12 * 0.1 * pixelsPerPoint + 1, qPrintable(geometry));
+    // About as wide as the string.
+    QVERIFY2(qAbs(line.left() - word.left()) <= Tolerance * pixelsPerPoint, qPrintable(geometry));
+    QVERIFY2(qAbs(line.right() - word.right()) <= Tolerance * pixelsPerPoint, qPrintable(geometry));
+    int longest = 0;
+    for (int y = line.top(); y <= line.bottom(); ++y) {
+        int run = 0;
+        for (int x = line.left(); x <= line.right(); ++x) {
+            run = page.at(x, y) < 128 ? run + 1 : 0;
+            longest = qMax(longest, run);
+        }
+    }
+    QVERIFY2(longest >= word.width() * 9 / 10, qPrintable(geometry + QStringLiteral(", longest run %1").arg(longest)));
 }
 
 QTEST_GUILESS_MAIN(TestMarkerPage)
