@@ -73,8 +73,8 @@ private slots:
     void startupFailuresAreFatal_data();
     void startupFailuresAreFatal();
 
-    void siteDefinitionsAloneAreRead();
-    void shippedDefinitionsAreReadWhenSiteFileIsMissing();
+    void definitionsFileIsChosen_data();
+    void definitionsFileIsChosen();
     void runDateAndTimeReplaceVariablesFile();
     void definitionsReplaceRunDateAndTime();
     void badVariableLinesAreSilent();
@@ -297,11 +297,27 @@ void TestCommandLine::startupFailuresAreFatal()
     QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
 }
 
-void TestCommandLine::siteDefinitionsAloneAreRead()
+void TestCommandLine::definitionsFileIsChosen_data()
 {
+    QTest::addColumn<bool>("withSiteFile");
+    QTest::addColumn<QString>("shared");   // the value SHARED ends with
+    QTest::addColumn<QString>("onlyName"); // the one name of the file that was read
+
+    QTest::newRow("site definitions alone are read") << true << "site" << "SITE_ONLY";
+    QTest::newRow("shipped definitions are read when the site file is missing")
+        << false << "shipped" << "SHIPPED_ONLY";
+}
+
+void TestCommandLine::definitionsFileIsChosen()
+{
+    QFETCH(bool, withSiteFile);
+    QFETCH(QString, shared);
+    QFETCH(QString, onlyName);
+
     FixtureTree tree;
     prepareJob(tree, "SHARED=job\nJOB_ONLY=1\n");
-    tree.write(QStringLiteral("etc-cups/marker.defs"), "SITE_ONLY=1\nSHARED=site\n");
+    if (withSiteFile)
+        tree.write(QStringLiteral("etc-cups/marker.defs"), "SITE_ONLY=1\nSHARED=site\n");
     tree.write(QStringLiteral("share-cups/quillet/marker.defs"), "SHIPPED_ONLY=1\nSHARED=shipped\n");
 
     const RunResult result = tree.runQuillet(jobArguments());
@@ -315,30 +331,8 @@ void TestCommandLine::siteDefinitionsAloneAreRead()
         {QStringLiteral("JOB_ONLY"), QStringLiteral("1")},
         {QStringLiteral("NUM_PAGES"), QStringLiteral("1")},
         {QStringLiteral("NUM_PAGES_CONTINUOUS"), QStringLiteral("1")},
-        {QStringLiteral("SHARED"), QStringLiteral("site")},
-        {QStringLiteral("SITE_ONLY"), QStringLiteral("1")},
-    };
-    QCOMPARE(store, expected);
-}
-
-void TestCommandLine::shippedDefinitionsAreReadWhenSiteFileIsMissing()
-{
-    FixtureTree tree;
-    prepareJob(tree, "SHARED=job\nJOB_ONLY=1\n");
-    tree.write(QStringLiteral("share-cups/quillet/marker.defs"), "SHIPPED_ONLY=1\nSHARED=shipped\n");
-
-    const RunResult result = tree.runQuillet(jobArguments());
-    QVERIFY2(result.exitCode == 0 && !result.crashed, qPrintable(describe(result)));
-
-    QMap<QString, QString> store = parseKeyValues(tree.read(QStringLiteral("job/vars.txt")));
-    QVERIFY(store.remove(QStringLiteral("DATE")) == 1);
-    QVERIFY(store.remove(QStringLiteral("TIME")) == 1);
-    const QMap<QString, QString> expected = {
-        {QStringLiteral("JOB_ONLY"), QStringLiteral("1")},
-        {QStringLiteral("NUM_PAGES"), QStringLiteral("1")},
-        {QStringLiteral("NUM_PAGES_CONTINUOUS"), QStringLiteral("1")},
-        {QStringLiteral("SHARED"), QStringLiteral("shipped")},
-        {QStringLiteral("SHIPPED_ONLY"), QStringLiteral("1")},
+        {QStringLiteral("SHARED"), shared},
+        {onlyName, QStringLiteral("1")},
     };
     QCOMPARE(store, expected);
 }

@@ -6,6 +6,8 @@
 // cases need the catalogue's font files under the CUPS data directory, so they
 // run the scanner in the sandbox through the scanprobe helper, or run quillet
 // itself.
+#include "documentlines.h"
+
 #include "document/quillet.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
@@ -22,44 +24,14 @@ namespace {
 
 using Positions = QList<qint64>;
 
-// A document made of lines, each given without its line feed.
-QByteArray lines(const QByteArrayList& content)
-{
-    QByteArray document;
-    for (const QByteArray& line : content)
-        document += line + '\n';
-    return document;
-}
-
-// The same with CR LF line ends.
-QByteArray crlfLines(const QByteArrayList& content)
-{
-    QByteArray document;
-    for (const QByteArray& line : content)
-        document += line + "\r\n";
-    return document;
-}
-
-// Bytes of a literal, NUL bytes included.
-template <int N>
-QByteArray bytes(const char (&raw)[N])
-{
-    return QByteArray(raw, N - 1);
-}
-
 int lineCount(const QByteArray& text)
 {
     return text.count('\n');
 }
 
-QString tinyCatalogue()
-{
-    return testsSourceDir() + QStringLiteral("/document/data/catalogue");
-}
-
 QByteArray tinyFont(const char* name)
 {
-    return readFile(tinyCatalogue() + QStringLiteral("/fonts/") + QLatin1String(name));
+    return readFile(tinyCatalogueDir() + QStringLiteral("/fonts/") + QLatin1String(name));
 }
 
 // Each expected name either equals an actual one or, ending in "#", stands
@@ -392,7 +364,7 @@ void TestDocumentScanner::documentFontResources()
     QFETCH(QStringList, findfont);
 
     FixtureTree tree;
-    tree.copy(tinyCatalogue(), QStringLiteral("share-cups"));
+    tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
     if (!emptiedFont.isEmpty())
         tree.write(QStringLiteral("share-cups/fonts/") + emptiedFont, QByteArray());
     tree.write(QStringLiteral("job/document.ps"), document);
@@ -424,7 +396,7 @@ void TestDocumentScanner::documentFontResources()
 void TestDocumentScanner::missingFontFileIsFatal()
 {
     FixtureTree tree;
-    tree.copy(tinyCatalogue(), QStringLiteral("share-cups"));
+    tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
     QVERIFY(QFile::remove(tree.path(QStringLiteral("share-cups/fonts/TinySans"))));
     tree.write(QStringLiteral("job/in.ps"),
                lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%BeginResource: font TinySans", "x", "%%EndResource",

@@ -72,7 +72,7 @@ void TestDocumentStreaming::memoryStaysFlat()
 
     const int pages = 5000;
     FixtureTree tree;
-    tree.copy(testsSourceDir() + QStringLiteral("/document/data/catalogue"), QStringLiteral("share-cups"));
+    tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
     tree.write(QStringLiteral("job/template"), "any:normal:10::top-left:{CURRENT_PAGE}/{NUM_PAGES}\n");
     tree.write(QStringLiteral("job/vars"), "copies=1\n");
     QVERIFY(writeDocument(tree.path(QStringLiteral("job/small.ps")), 1));

@@ -4,6 +4,8 @@
 //
 // A marker text is observed through the hexadecimal string that measures it:
 // with that catalogue every character is written as its own code point.
+#include "documentlines.h"
+
 #include "support/testsupport.h"
 
 #include <QDir>
@@ -13,34 +15,6 @@
 #include <QTest>
 
 namespace {
-
-QString tinyCatalogue()
-{
-    return testsSourceDir() + QStringLiteral("/document/data/catalogue");
-}
-
-QByteArray lines(const QByteArrayList& content)
-{
-    QByteArray document;
-    for (const QByteArray& line : content)
-        document += line + '\n';
-    return document;
-}
-
-// Bytes of a literal, NUL bytes included.
-template <int N>
-QByteArray bytes(const char (&raw)[N])
-{
-    return QByteArray(raw, N - 1);
-}
-
-QByteArray crlfLines(const QByteArrayList& content)
-{
-    QByteArray document;
-    for (const QByteArray& line : content)
-        document += line + "\r\n";
-    return document;
-}
 
 // A document of `pages` pages closed by "%%PageTrailer" lines.
 QByteArray pagedDocument(int pages)
@@ -75,7 +49,7 @@ struct Job
 
     Job(const QByteArray& document, const QByteArray& templateText, const QByteArray& variables)
     {
-        tree.copy(tinyCatalogue(), QStringLiteral("share-cups"));
+        tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
         tree.write(QStringLiteral("job/in.ps"), document);
         tree.write(QStringLiteral("job/template"), templateText);
         tree.write(QStringLiteral("job/vars"), variables);
@@ -658,7 +632,7 @@ void TestDocumentWriter::nonMatchingResourceMovesInsertionsOneLineEarly_data()
     QTest::addColumn<QByteArray>("resource");
     QTest::addColumn<QByteArrayList>("expectedPieces");
 
-    const QByteArray font = readFile(tinyCatalogue() + QStringLiteral("/fonts/TinySans"));
+    const QByteArray font = readFile(tinyCatalogueDir() + QStringLiteral("/fonts/TinySans"));
     QTest::newRow("a matching resource: fonts before the first page, markers after the page trailers")
         << "%%BeginResource: font TinySans\n" + font + "\n%%EndResource\n"
         << QByteArrayList{"/Marker-Normal exch definefont pop\n%%Page: 1 1\na\n%%PageTrailer\n% Common variables:\n",

@@ -64,7 +64,7 @@ void TestGolden::output()
     const QString folder = goldenDir() + QLatin1Char('/') + name + QLatin1Char('/');
 
     FixtureTree tree;
-    tree.copy(testsSourceDir() + QStringLiteral("/document/data/catalogue"), QStringLiteral("share-cups"));
+    tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
     tree.copy(folder + QStringLiteral("marker.defs"), QStringLiteral("etc-cups/marker.defs"));
     for (const char* file : {"input.ps", "template", "variables"})
         tree.copy(folder + QLatin1String(file), QStringLiteral("job/") + QLatin1String(file));

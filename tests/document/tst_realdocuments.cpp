@@ -274,7 +274,11 @@ private slots:
 private:
     void addRows();
     QString make(const QString& name) const { return m_work.filePath(name); }
-    bool runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile = {});
+    // Runs a tool in the work folder; on failure m_toolError says why.
+    bool runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile = {})
+    {
+        return ::runTool(m_work.path(), program, arguments, &m_toolError, stdoutFile);
+    }
     bool addDocument(const QString& key, const QString& label, const QString& file);
     const MarkedJob& job(const QString& document, bool duplex);
 
@@ -284,20 +288,6 @@ private:
     QMap<QString, QSharedPointer<MarkedJob>> m_jobs;
     QString m_toolError;
 };
-
-bool TestRealDocuments::runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile)
-{
-    const RunResult result = runProgram(program, arguments, {}, m_work.path());
-    if (result.exitCode != 0 || result.crashed
-        || (!stdoutFile.isEmpty() && (result.standardOutput.isEmpty() || !writeFile(stdoutFile, result.standardOutput)))) {
-        m_toolError = QStringLiteral("%1 %2 failed (exit status %3): %4")
-                          .arg(program, arguments.join(QLatin1Char(' ')))
-                          .arg(result.exitCode)
-                          .arg(QString::fromLocal8Bit(result.standardError));
-        return false;
-    }
-    return true;
-}
 
 bool TestRealDocuments::addDocument(const QString& key, const QString& label, const QString& file)
 {

@@ -240,32 +240,26 @@ private slots:
 
 private:
     QString make(const QString& name) const { return m_work.filePath(name); }
-    bool runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile = {});
+    // Runs a tool in the work folder; on failure m_toolError says why.
+    bool runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile = {})
+    {
+        return ::runTool(m_work.path(), program, arguments, &m_toolError, stdoutFile);
+    }
     bool addDocument(const QString& key, const QString& label, const QString& file);
     const Job& job(const QString& document, const QByteArray& markerTemplate, bool duplex,
                    const QByteArray& variables = {}, const QByteArray& definitions = {});
     QStringList stateCheck(const QString& file, QString* errors);
     void addCaseRows();
+    // Data of the two documents with embedded documents ("groff", "nested"),
+    // each with a bool column `flag` off and on; rows are labelled by the
+    // document and `whenOff` or `whenOn`.
+    void addEmbeddedDocumentRows(const char* flag, const QString& whenOff, const QString& whenOn);
 
     QTemporaryDir m_work;
     QMap<QString, Document> m_documents;
     QMap<QString, QSharedPointer<Job>> m_jobs;
     QString m_toolError;
 };
-
-bool TestSafeOutput::runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile)
-{
-    const RunResult result = runProgram(program, arguments, {}, m_work.path());
-    if (result.exitCode != 0 || result.crashed
-        || (!stdoutFile.isEmpty() && (result.standardOutput.isEmpty() || !writeFile(stdoutFile, result.standardOutput)))) {
-        m_toolError = QStringLiteral("%1 %2 failed (exit status %3): %4")
-                          .arg(program, arguments.join(QLatin1Char(' ')))
-                          .arg(result.exitCode)
-                          .arg(QString::fromLocal8Bit(result.standardError));
-        return false;
-    }
-    return true;
-}
 
 // Renders an input document; it must print cleanly, on at least two pages
 // that all differ from each other.
@@ -547,15 +541,20 @@ void TestSafeOutput::underlinePaintsBelowText()
     }
 }
 
-void TestSafeOutput::embeddedDocumentsBreakPagesWithoutKey_data()
+void TestSafeOutput::addEmbeddedDocumentRows(const char* flag, const QString& whenOff, const QString& whenOn)
 {
     QTest::addColumn<QString>("document");
-    QTest::addColumn<bool>("duplex");
+    QTest::addColumn<bool>(flag);
     for (const char* key : {"groff", "nested"}) {
         const QString label = m_documents.value(QLatin1String(key)).label;
-        QTest::newRow(qPrintable(label + QStringLiteral(", simplex"))) << QString::fromLatin1(key) << false;
-        QTest::newRow(qPrintable(label + QStringLiteral(", duplex"))) << QString::fromLatin1(key) << true;
+        QTest::newRow(qPrintable(label + QStringLiteral(", ") + whenOff)) << QString::fromLatin1(key) << false;
+        QTest::newRow(qPrintable(label + QStringLiteral(", ") + whenOn)) << QString::fromLatin1(key) << true;
     }
+}
+
+void TestSafeOutput::embeddedDocumentsBreakPagesWithoutKey_data()
+{
+    addEmbeddedDocumentRows("duplex", QStringLiteral("simplex"), QStringLiteral("duplex"));
 }
 
 // Without the key the page comments of the embedded documents count as the
@@ -613,13 +612,7 @@ void TestSafeOutput::embeddedDocumentsKeepPagesWithKey()
 
 void TestSafeOutput::pagesEndAtTheDocumentsOwnComments_data()
 {
-    QTest::addColumn<QString>("document");
-    QTest::addColumn<bool>("safe");
-    for (const char* key : {"groff", "nested"}) {
-        const QString label = m_documents.value(QLatin1String(key)).label;
-        QTest::newRow(qPrintable(label + QStringLiteral(", classic"))) << QString::fromLatin1(key) << false;
-        QTest::newRow(qPrintable(label + QStringLiteral(", print-safe"))) << QString::fromLatin1(key) << true;
-    }
+    addEmbeddedDocumentRows("safe", QStringLiteral("classic"), QStringLiteral("print-safe"));
 }
 
 // Where the pages end, in simplex: every marker block ends in "showpagereal",

@@ -1,5 +1,4 @@
-// Support of the font tests: the sandboxed run, catalogue files and the
-// message recorder.
+// Support of the font tests: the sandboxed run and catalogue files.
 #include "fontsandbox.h"
 
 #include "common/paths.h"
@@ -60,14 +59,6 @@ int runInSandbox(int argc, char* argv[])
         return 1;
     }
     return status;
-}
-
-QStringList recordedMessages;
-
-void recordMessage(QtMsgType type, const QMessageLogContext&, const QString& message)
-{
-    static const char* const names[] = {"debug", "warning", "critical", "fatal", "info"};
-    recordedMessages << QLatin1String(names[type]) + QLatin1String(": ") + message;
 }
 
 } // namespace
@@ -174,19 +165,3 @@ QByteArray testFile(const QString& relative)
 }
 
 } // namespace FontSandbox
-
-MessageRecorder::MessageRecorder()
-{
-    recordedMessages.clear();
-    m_previous = qInstallMessageHandler(recordMessage);
-}
-
-MessageRecorder::~MessageRecorder()
-{
-    qInstallMessageHandler(m_previous);
-}
-
-QStringList MessageRecorder::messages() const
-{
-    return recordedMessages;
-}

@@ -1,6 +1,5 @@
 // Support of the font tests: a private CUPS data directory for every font
-// test binary, catalogue files written into it, and a recorder of the
-// messages that the code under test sends to the logging facility.
+// test binary and catalogue files written into it.
 //
 // The font catalogue is read from fixed paths under the CUPS data directory,
 // exactly as in production. So that no test ever reads or writes the host's
@@ -76,23 +75,6 @@ QByteArray testFile(const QString& relative);
 QString testFilePath(const QString& relative);
 
 } // namespace FontSandbox
-
-// Records every message sent to the logging facility while it lives, as
-// "warning: text", "debug: text" ... in the order they came. Installs its own
-// handler and restores the previous one on destruction.
-class MessageRecorder
-{
-public:
-    MessageRecorder();
-    ~MessageRecorder();
-    MessageRecorder(const MessageRecorder&) = delete;
-    MessageRecorder& operator=(const MessageRecorder&) = delete;
-
-    QStringList messages() const;
-
-private:
-    QtMessageHandler m_previous = nullptr;
-};
 
 #define QUILLET_FONTS_TEST_MAIN_WITH_HELPER(TestObject, helper)                                              \
     int main(int argc, char* argv[])                                                                         \

@@ -7,6 +7,7 @@
 #include "fontsandbox.h"
 
 #include "fonts/fonts.h"
+#include "support/messagerecorder.h"
 
 #include <QCoreApplication>
 #include <QTest>

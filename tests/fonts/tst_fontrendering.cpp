@@ -14,6 +14,7 @@
 
 #include "fonts/fonts.h"
 #include "settings/variables.h"
+#include "support/messagerecorder.h"
 #include "support/postscripttools.h"
 #include "support/testsupport.h"
 

@@ -10,6 +10,7 @@
 #include "fontsandbox.h"
 
 #include "fonts/fonts.h"
+#include "support/messagerecorder.h"
 #include "support/testsupport.h"
 
 #include <QBuffer>

@@ -208,14 +208,6 @@ void setVariables(const QStringList& pairs)
     }
 }
 
-void readTemplate(const QByteArray& content)
-{
-    QBuffer buffer;
-    buffer.setData(content);
-    QVERIFY(buffer.open(QIODevice::ReadOnly));
-    Marker::instance().readTemplate(buffer);
-}
-
 QByteArray commonVariablesOutput(bool fonarik, bool landscape)
 {
     QBuffer buffer;
@@ -595,7 +587,7 @@ void TestMarkerDrawing::expandedPiecesStackInPieceOrder()
     // "[A]^[B]" becomes two strings in piece order; at a bottom position the
     // second piece is painted first, so the pieces read top to bottom.
     setVariables({"A=x", "B=yyy"});
-    readTemplate("any:normal:9::bottom-left:[A]^[B]\nany:normal:9::top-left:[A]^[B]\n");
+    readMarkerTemplate("any:normal:9::bottom-left:[A]^[B]\nany:normal:9::top-left:[A]^[B]\n");
     const MarkerPositionMap any = Marker::instance().strings().value(2);
     QCOMPARE(any.value(QStringLiteral("bottom-left")).size(), 2);
 
@@ -672,7 +664,7 @@ void TestMarkerDrawing::perPageExpansion()
 {
     // A string that uses braces only stays unexpanded and is expanded from
     // the store every time a page is drawn.
-    readTemplate("any:normal:12::top-left:P{CURRENT_PAGE}\n");
+    readMarkerTemplate("any:normal:12::top-left:P{CURRENT_PAGE}\n");
     const MarkerStringList strings = Marker::instance().strings().value(2).value(QStringLiteral("top-left"));
     QCOMPARE(strings.size(), 1);
     QVERIFY(!strings.first()->expanded);
@@ -692,7 +684,7 @@ void TestMarkerDrawing::perPageExpansion()
 void TestMarkerDrawing::loadTimeExpansionKeptOnEveryPage()
 {
     setVariables({"CURRENT_PAGE=3"});
-    readTemplate("any:normal:12::top-left:P[CURRENT_PAGE]\n");
+    readMarkerTemplate("any:normal:12::top-left:P[CURRENT_PAGE]\n");
     const MarkerStringList strings = Marker::instance().strings().value(2).value(QStringLiteral("top-left"));
     QCOMPARE(strings.size(), 1);
     QVERIFY(strings.first()->expanded);
@@ -800,7 +792,7 @@ void TestMarkerDrawing::orientation()
 
     if (present)
         Variables::instance().insert(QStringLiteral("LANDSCAPE"), value);
-    readTemplate("any:normal:12::top-left:ab\n");
+    readMarkerTemplate("any:normal:12::top-left:ab\n");
     COMPARE_BYTES(markerOutput(page, lastPage),
                   commonSection(landscape) + TopStart + paintedString(0, 0, "12", 2, false));
 }
@@ -864,7 +856,7 @@ void TestMarkerDrawing::stringsForPage()
     QFETCH(bool, lastPage);
     QFETCH(QStringList, expected);
 
-    readTemplate(templateText);
+    readMarkerTemplate(templateText);
     const MarkerPositionMap map = Marker::instance().stringsForPage(page, lastPage);
     QStringList entries;
     QStringList sizes;
@@ -947,7 +939,7 @@ void TestMarkerDrawing::coordinatePositionsMustBeginWithBrace()
 {
     // Both keys are accepted by the template reader; only the one that
     // begins with "{" is painted.
-    readTemplate("any:normal:9::x{1;2}y:hidden\nany:normal:8::{1;2}tail:shown\n");
+    readMarkerTemplate("any:normal:9::x{1;2}y:hidden\nany:normal:8::{1;2}tail:shown\n");
     const MarkerPositionMap any = Marker::instance().strings().value(2);
     QVERIFY(any.contains(QStringLiteral("x{1;2}y")));
     QVERIFY(any.contains(QStringLiteral("{1;2}tail")));
@@ -992,7 +984,7 @@ void TestMarkerDrawing::fonarikSelection()
     QFETCH(int, count);
     QFETCH(QStringList, sizes);
 
-    readTemplate(templateText);
+    readMarkerTemplate(templateText);
     QCOMPARE(selectedSizes(fonarikOutput(count)), sizes);
 
     QStringList selected;
@@ -1037,7 +1029,7 @@ void TestMarkerDrawing::fonarikBlock()
     setVariables(variables);
     // Only regular strings in the template: the fonarik block paints none
     // of them.
-    readTemplate("any:normal:12::top-left:A\nfirst:normal:12::top-left:B\n");
+    readMarkerTemplate("any:normal:12::top-left:A\nfirst:normal:12::top-left:B\n");
     COMPARE_BYTES(fonarikOutput(4), expected);
     COMPARE_BYTES(fonarikOutput(1), expected);
 }

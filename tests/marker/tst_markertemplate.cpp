@@ -2,58 +2,15 @@
 // page types, load-time expansion, font styles and the reader's warnings.
 #include "marker/marker.h"
 #include "settings/variables.h"
+#include "support/messagerecorder.h"
 #include "support/testsupport.h"
 
-#include <QBuffer>
 #include <QTest>
 #include <QTextCodec>
 
+#include <memory>
+
 namespace {
-
-// Messages sent to the logging facility while a test case runs.
-struct LoggedMessage
-{
-    QtMsgType type;
-    QString text;
-};
-
-QList<LoggedMessage> loggedMessages;
-QtMessageHandler previousHandler = nullptr;
-
-void captureMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    loggedMessages.append({type, text});
-}
-
-// The texts of the captured warnings; fails the case through the caller when
-// a message of another type was logged.
-QStringList warningTexts()
-{
-    QStringList texts;
-    for (const LoggedMessage& message : qAsConst(loggedMessages)) {
-        if (message.type == QtWarningMsg)
-            texts.append(message.text);
-    }
-    return texts;
-}
-
-int nonWarningCount()
-{
-    int count = 0;
-    for (const LoggedMessage& message : qAsConst(loggedMessages)) {
-        if (message.type != QtWarningMsg)
-            ++count;
-    }
-    return count;
-}
-
-void readTemplate(const QByteArray& content)
-{
-    QBuffer buffer;
-    buffer.setData(content);
-    QVERIFY(buffer.open(QIODevice::ReadOnly));
-    Marker::instance().readTemplate(buffer);
-}
 
 // All strings of the model, one entry per string, as "pagetype|position".
 QStringList placements()
@@ -144,6 +101,10 @@ private slots:
     void warnings_data();
     void warnings();
     void warningOnStandardErrorOfRun();
+
+private:
+    // Messages sent to the logging facility while a test case runs.
+    std::unique_ptr<MessageRecorder> m_messages;
 };
 
 void TestMarkerTemplate::initTestCase()
@@ -156,13 +117,12 @@ void TestMarkerTemplate::init()
 {
     Variables::instance().clear();
     Marker::instance().reset();
-    loggedMessages.clear();
-    previousHandler = qInstallMessageHandler(captureMessage);
+    m_messages.reset(new MessageRecorder);
 }
 
 void TestMarkerTemplate::cleanup()
 {
-    qInstallMessageHandler(previousHandler);
+    m_messages.reset();
 }
 
 // --- Marker string lines -----------------------------------------------------
@@ -220,9 +180,9 @@ void TestMarkerTemplate::stringFields()
     QFETCH(QString, extra);
 
     Variables::instance().insert(QStringLiteral("DATE"), QStringLiteral("01.02.2024"));
-    readTemplate(line + '\n');
+    readMarkerTemplate(line + '\n');
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(placements(), QStringList{QStringLiteral("%1|%2").arg(pageType).arg(position)});
     const MarkerStringPtr string = stringsAt(pageType, position).value(0);
     QVERIFY(string);
@@ -255,13 +215,13 @@ void TestMarkerTemplate::fontStyleWords()
     QFETCH(QString, word);
     QFETCH(int, style);
 
-    readTemplate(QStringLiteral("any:%1:12::x:top-left:T\n").arg(word).toUtf8());
+    readMarkerTemplate(QStringLiteral("any:%1:12::x:top-left:T\n").arg(word).toUtf8());
 
     const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
     QVERIFY(string);
     QCOMPARE(string->fontStyle, style);
     QCOMPARE(Marker::instance().fontStyles(), styleSet({style}));
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
 }
 
 void TestMarkerTemplate::fontSizes_data()
@@ -285,7 +245,7 @@ void TestMarkerTemplate::fontSizes()
     QFETCH(QString, field);
     QFETCH(float, size);
 
-    readTemplate(QStringLiteral("any:normal:%1::x:top-left:T\n").arg(field).toUtf8());
+    readMarkerTemplate(QStringLiteral("any:normal:%1::x:top-left:T\n").arg(field).toUtf8());
 
     const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
     QVERIFY(string);
@@ -310,7 +270,7 @@ void TestMarkerTemplate::underlineField()
     QFETCH(QString, field);
     QFETCH(bool, underline);
 
-    readTemplate(QStringLiteral("any:normal:12:%1:x:top-left:T\n").arg(field).toUtf8());
+    readMarkerTemplate(QStringLiteral("any:normal:12:%1:x:top-left:T\n").arg(field).toUtf8());
 
     const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
     QVERIFY(string);
@@ -335,9 +295,9 @@ void TestMarkerTemplate::pageTypes()
     QFETCH(QString, word);
     QFETCH(int, pageType);
 
-    readTemplate(QStringLiteral("%1:normal:12::x:top-left:T\n").arg(word).toUtf8());
+    readMarkerTemplate(QStringLiteral("%1:normal:12::x:top-left:T\n").arg(word).toUtf8());
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(placements(), QStringList{QStringLiteral("%1|top-left").arg(pageType)});
 }
 
@@ -364,9 +324,9 @@ void TestMarkerTemplate::positions()
 {
     QFETCH(QString, position);
 
-    readTemplate(QStringLiteral("first:normal:12::x:%1:T\n").arg(position).toUtf8());
+    readMarkerTemplate(QStringLiteral("first:normal:12::x:%1:T\n").arg(position).toUtf8());
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(placements(), QStringList{QStringLiteral("0|%1").arg(position)});
     QCOMPARE(textsAt(0, position), QStringList{QStringLiteral("T")});
 }
@@ -400,9 +360,9 @@ void TestMarkerTemplate::braceProtection()
     QFETCH(QString, text);
     QFETCH(int, fontStyle);
 
-    readTemplate(line + '\n');
+    readMarkerTemplate(line + '\n');
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(placements(), QStringList{QStringLiteral("2|%1").arg(position)});
     const MarkerStringPtr string = stringsAt(2, position).value(0);
     QVERIFY(string);
@@ -430,9 +390,9 @@ void TestMarkerTemplate::whitespace()
     QFETCH(QByteArray, content);
     QFETCH(QString, text);
 
-    readTemplate(content);
+    readMarkerTemplate(content);
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(placements(), QStringList{QStringLiteral("0|top-left")});
     QCOMPARE(textsAt(0, QStringLiteral("top-left")), QStringList{text});
 }
@@ -496,10 +456,10 @@ void TestMarkerTemplate::keywords()
     QFETCH(bool, replaceUnderscore);
     QFETCH(int, fonarikBoundary);
 
-    readTemplate(content);
+    readMarkerTemplate(content);
 
-    QCOMPARE(warningTexts(), QStringList());
-    QCOMPARE(nonWarningCount(), 0);
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
+    QCOMPARE(m_messages->countOtherThan(QtWarningMsg), 0);
     QCOMPARE(Marker::instance().charset(), charset);
     QCOMPARE(Marker::instance().replaceUnderscore(), replaceUnderscore);
     QCOMPARE(Marker::instance().fonarikBoundary(), fonarikBoundary);
@@ -509,7 +469,7 @@ void TestMarkerTemplate::keywords()
 
 void TestMarkerTemplate::defaultsWithoutKeywords()
 {
-    readTemplate("any:normal:12::x:top-left:T\n");
+    readMarkerTemplate("any:normal:12::x:top-left:T\n");
 
     QCOMPARE(Marker::instance().charset(), QStringLiteral("utf-8"));
     QCOMPARE(Marker::instance().replaceUnderscore(), false);
@@ -555,9 +515,9 @@ void TestMarkerTemplate::loadTimeExpansion()
     variables.insert(QStringLiteral("SPLIT"), QStringLiteral("one^two"));
     variables.insert(QStringLiteral("CURRENT_PAGE"), QStringLiteral("7"));
 
-    readTemplate("any:normal:0:x:bottom-right:" + text + '\n');
+    readMarkerTemplate("any:normal:0:x:bottom-right:" + text + '\n');
 
-    QCOMPARE(warningTexts(), QStringList());
+    QCOMPARE(m_messages->texts(QtWarningMsg), QStringList());
     QCOMPARE(textsAt(2, QStringLiteral("bottom-right")), pieces);
     for (const MarkerStringPtr& string : stringsAt(2, QStringLiteral("bottom-right"))) {
         QCOMPARE(string->expanded, true);
@@ -569,7 +529,7 @@ void TestMarkerTemplate::expandedPiecesCopyAttributes()
 {
     Variables::instance().insert(QStringLiteral("A"), QStringLiteral("alpha"));
 
-    readTemplate("last:bolditalic:8.5:underline:ex:{3mm;4mm}:[A]^two^\n");
+    readMarkerTemplate("last:bolditalic:8.5:underline:ex:{3mm;4mm}:[A]^two^\n");
 
     const MarkerStringList strings = stringsAt(1, QStringLiteral("{3mm;4mm}"));
     QCOMPARE(strings.size(), 3);
@@ -595,7 +555,7 @@ void TestMarkerTemplate::expansionUsesStoreAtReadTime()
     variables.insert(QStringLiteral("A"), QStringLiteral("before"));
     variables.insert(QStringLiteral("B"), QStringLiteral("before"));
 
-    readTemplate("any:normal:12::top-left:[A]\nany:normal:12::top-right:{B}\n");
+    readMarkerTemplate("any:normal:12::top-left:[A]\nany:normal:12::top-right:{B}\n");
     variables.insert(QStringLiteral("A"), QStringLiteral("after"));
     variables.insert(QStringLiteral("B"), QStringLiteral("after"));
 
@@ -610,7 +570,7 @@ void TestMarkerTemplate::replaceUnderscoreAppliesFromItsLineOn()
 {
     Variables::instance().insert(QStringLiteral("LABEL_NAME"), QStringLiteral("TOP_SECRET"));
 
-    readTemplate("any:normal:12::top-left:[LABEL_NAME]\n"
+    readMarkerTemplate("any:normal:12::top-left:[LABEL_NAME]\n"
                  "replace_underscore=1\n"
                  "any:normal:12::top-right:[LABEL_NAME]\n");
 
@@ -624,7 +584,7 @@ void TestMarkerTemplate::templateOrderPerPosition()
     variables.insert(QStringLiteral("A"), QStringLiteral("alpha"));
     variables.insert(QStringLiteral("B"), QStringLiteral("beta"));
 
-    readTemplate("any:normal:12::top-left:T1\n"
+    readMarkerTemplate("any:normal:12::top-left:T1\n"
                  "any:normal:12::bottom-left:other\n"
                  "any:normal:12::top-left:[A]^[B]\n"
                  "first:normal:12::top-left:first page only\n"
@@ -640,10 +600,10 @@ void TestMarkerTemplate::templateOrderPerPosition()
 
 void TestMarkerTemplate::secondReadAddsStringsButResetsStyles()
 {
-    readTemplate("any:bold:12::top-left:one\n");
+    readMarkerTemplate("any:bold:12::top-left:one\n");
     QCOMPARE(Marker::instance().fontStyles(), styleSet({1}));
 
-    readTemplate("any:italic:12::top-left:two\n");
+    readMarkerTemplate("any:italic:12::top-left:two\n");
 
     QCOMPARE(textsAt(2, QStringLiteral("top-left")), (QStringList{QStringLiteral("one"), QStringLiteral("two")}));
     QCOMPARE(Marker::instance().fontStyles(), styleSet({2}));
@@ -675,7 +635,7 @@ void TestMarkerTemplate::fontStylesInUse()
     QFETCH(QByteArray, content);
     QFETCH(QList<int>, styles);
 
-    readTemplate(content);
+    readMarkerTemplate(content);
 
     QCOMPARE(Marker::instance().fontStyles(), QSet<int>(styles.cbegin(), styles.cend()));
 }
@@ -705,7 +665,7 @@ void TestMarkerTemplate::storeCharsetOverride()
     if (inStore)
         Variables::instance().insert(QStringLiteral("mac-marker-font"), storeValue);
 
-    readTemplate(content);
+    readMarkerTemplate(content);
 
     QCOMPARE(Marker::instance().charset(), charset);
 }
@@ -774,10 +734,10 @@ void TestMarkerTemplate::warnings()
     QFETCH(QByteArray, content);
     QFETCH(QStringList, expected);
 
-    readTemplate(content);
+    readMarkerTemplate(content);
 
-    QCOMPARE(warningTexts(), expected);
-    QCOMPARE(nonWarningCount(), 0);
+    QCOMPARE(m_messages->texts(QtWarningMsg), expected);
+    QCOMPARE(m_messages->countOtherThan(QtWarningMsg), 0);
     // Rejected lines leave no string behind; only "ok" lines are kept.
     for (const QString& placement : placements())
         QCOMPARE(placement, QStringLiteral("2|top-left"));
@@ -787,7 +747,7 @@ void TestMarkerTemplate::warnings()
 
 void TestMarkerTemplate::warningOnStandardErrorOfRun()
 {
-    qInstallMessageHandler(previousHandler); // this case checks the child's stream only
+    m_messages->stop(); // this case checks the child's stream only
 
     FixtureTree tree;
     tree.copy(catalogueDir(), QStringLiteral("share-cups"));

@@ -3,50 +3,22 @@
 // "kinit" and "ipa" programs placed first on the search path.
 #include "marker/marker.h"
 #include "settings/variables.h"
+#include "support/messagerecorder.h"
 #include "support/testsupport.h"
 
-#include <QBuffer>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTextCodec>
 
+#include <memory>
+
 namespace {
-
-struct LoggedMessage
-{
-    QtMsgType type;
-    QString text;
-};
-
-QList<LoggedMessage> loggedMessages;
-QtMessageHandler previousHandler = nullptr;
-
-void captureMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    loggedMessages.append({type, text});
-}
-
-QStringList loggedTexts()
-{
-    QStringList texts;
-    for (const LoggedMessage& message : qAsConst(loggedMessages))
-        texts.append(message.text);
-    return texts;
-}
-
-void readTemplate(const QByteArray& content)
-{
-    QBuffer buffer;
-    buffer.setData(content);
-    QVERIFY(buffer.open(QIODevice::ReadOnly));
-    Marker::instance().readTemplate(buffer);
-}
 
 void setReplaceUnderscore(bool on)
 {
-    readTemplate(on ? "replace_underscore=1\n" : "replace_underscore=0\n");
+    readMarkerTemplate(on ? "replace_underscore=1\n" : "replace_underscore=0\n");
     QCOMPARE(Marker::instance().replaceUnderscore(), on);
 }
 
@@ -118,6 +90,8 @@ private:
     QTemporaryDir m_scripts;
     QTemporaryDir m_fakeBin;
     QByteArray m_savedPath;
+    // Messages sent to the logging facility while a test case runs.
+    std::unique_ptr<MessageRecorder> m_messages;
 };
 
 void TestMarkerVariables::writeScript(const QString& path, const QByteArray& body) const
@@ -202,15 +176,15 @@ void TestMarkerVariables::init()
     writeFile(fakeBin(QStringLiteral("kinit-body")), "exit 0\n");
     writeFile(fakeBin(QStringLiteral("ipa-body")), "cat '" + fakeBin(QStringLiteral("listing")).toUtf8() + "'\n");
 
-    loggedMessages.clear();
-    previousHandler = qInstallMessageHandler(captureMessage);
+    m_messages.reset(new MessageRecorder);
 }
 
 void TestMarkerVariables::cleanup()
 {
-    qInstallMessageHandler(previousHandler);
+    const QStringList logged = m_messages->texts();
+    m_messages.reset();
     // Expansion never reports anything.
-    QCOMPARE(loggedTexts(), QStringList());
+    QCOMPARE(logged, QStringList());
 }
 
 // --- References to the store ---------------------------------------------------
@@ -512,7 +486,7 @@ void TestMarkerVariables::braceOnlyTemplateTextRunsNothingAtLoadTime()
 {
     Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
 
-    readTemplate(withScripts(QStringLiteral("any:normal:12::top-left:{FREEIPA:cn}\n"
+    readMarkerTemplate(withScripts(QStringLiteral("any:normal:12::top-left:{FREEIPA:cn}\n"
                                             "any:normal:12::top-right:{SCRIPT:%COUNTER%}\n"))
                      .toUtf8());
 

@@ -2,13 +2,16 @@
 #include "support/testsupport.h"
 
 #include "common/paths.h"
+#include "marker/marker.h"
 
+#include <QBuffer>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTest>
 
 FixtureTree::FixtureTree()
 {
@@ -139,6 +142,11 @@ QString catalogueDir()
     return QStringLiteral(QUILLET_CATALOGUE_DIR);
 }
 
+QString tinyCatalogueDir()
+{
+    return testsSourceDir() + QStringLiteral("/document/data/catalogue");
+}
+
 QByteArray minimalDocument(int pages)
 {
     QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages)
@@ -180,4 +188,27 @@ QString firstDifference(const QByteArray& actual, const QByteArray& expected)
 bool haveProgram(const QString& name)
 {
     return !QStandardPaths::findExecutable(name).isEmpty();
+}
+
+bool runTool(const QString& workingDirectory, const QString& program, const QStringList& arguments,
+             QString* error, const QString& stdoutFile)
+{
+    const RunResult result = runProgram(program, arguments, {}, workingDirectory);
+    if (result.exitCode != 0 || result.crashed
+        || (!stdoutFile.isEmpty() && (result.standardOutput.isEmpty() || !writeFile(stdoutFile, result.standardOutput)))) {
+        *error = QStringLiteral("%1 %2 failed (exit status %3): %4")
+                     .arg(program, arguments.join(QLatin1Char(' ')))
+                     .arg(result.exitCode)
+                     .arg(QString::fromLocal8Bit(result.standardError));
+        return false;
+    }
+    return true;
+}
+
+void readMarkerTemplate(const QByteArray& content)
+{
+    QBuffer buffer;
+    buffer.setData(content);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    Marker::instance().readTemplate(buffer);
 }

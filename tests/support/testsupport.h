@@ -85,6 +85,11 @@ QString testsSourceDir();
 // data directory (data/psglyphs, charsets/utf-8, fonts/..., quillet/marker.defs).
 QString catalogueDir();
 
+// The tiny fixture catalogue of the document tests (tests/document/data/
+// catalogue): one charset covering 0000-00FF, two stand-in fonts, and marker
+// definitions that fix DATE and TIME.
+QString tinyCatalogueDir();
+
 // A small DSC-structured PostScript document of the given number of pages:
 // header, prolog, one "%%Page:" section per page ending in "%%PageTrailer",
 // then "%%Trailer" and "%%EOF".
@@ -100,3 +105,13 @@ QString firstDifference(const QByteArray& actual, const QByteArray& expected);
 
 // Whether a program is found on the search path.
 bool haveProgram(const QString& name);
+
+// Runs a tool in a working directory; with a stdoutFile its standard output
+// must not be empty and is written to that file. On failure returns false and
+// sets *error to a description (command, exit status, standard error); on
+// success leaves *error as it was.
+bool runTool(const QString& workingDirectory, const QString& program, const QStringList& arguments,
+             QString* error, const QString& stdoutFile = {});
+
+// Reads a marker template from memory into Marker::instance().
+void readMarkerTemplate(const QByteArray& content);
