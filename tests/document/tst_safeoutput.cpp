@@ -416,9 +416,7 @@ void TestSafeOutput::stateCheckSeesChanges()
 
 void TestSafeOutput::fontSetOnceStopsWithoutKey_data()
 {
-    QTest::addColumn<bool>("duplex");
-    QTest::newRow("simplex") << false;
-    QTest::newRow("duplex") << true;
+    addSimplexAndDuplexRows();
 }
 
 // Without the key the marker block leaves the composite marker font current.
@@ -683,9 +681,7 @@ void TestSafeOutput::markerBlockLeaksStateWithoutKey()
 
 void TestSafeOutput::markerBlockKeepsStateWithKey_data()
 {
-    QTest::addColumn<bool>("duplex");
-    QTest::newRow("simplex") << false;
-    QTest::newRow("duplex") << true;
+    addSimplexAndDuplexRows();
 }
 
 // With the key every check finds the state kept: right after each marker

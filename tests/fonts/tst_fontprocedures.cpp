@@ -8,6 +8,7 @@
 
 #include "fonts/fonts.h"
 #include "support/messagerecorder.h"
+#include "support/testsupport.h"
 
 #include <QBuffer>
 #include <QCoreApplication>
@@ -37,29 +38,6 @@ template <typename Write> QByteArray written(Write write)
     return data;
 }
 
-QByteArray expectedUnderlineProcs(const QByteArray& font, const QByteArray& size)
-{
-    return "/font-underline-pos {\n"
-           "  /" +
-           font + " findfont " + size +
-           " scalefont\n"
-           "  dup /FontInfo get\n"
-           "  dup /UnderlinePosition known { /UnderlinePosition get } { pop 2 px } ifelse\n"
-           "  0 exch\n"
-           "  3 2 roll /FontMatrix get transform\n"
-           "  exch pop\n"
-           "} def\n"
-           "/font-underline-thickness {\n"
-           "  /" +
-           font + " findfont " + size +
-           " scalefont\n"
-           "  dup /FontInfo get\n"
-           "  dup /UnderlineThickness known { /UnderlineThickness get } { pop 1 px } ifelse\n"
-           "  0 exch\n"
-           "  3 2 roll /FontMatrix get transform\n"
-           "  exch pop\n"
-           "} def\n";
-}
 
 } // namespace
 
@@ -130,13 +108,13 @@ void TestFontProcedures::underlineProcs_data()
     QTest::addColumn<QByteArray>("procs");
 
     QTest::newRow("bold-italic at 7.5 points")
-        << QList<int>{3} << QList<float>{7.5f} << expectedUnderlineProcs("Marker-BoldItalic", "7.5");
+        << QList<int>{3} << QList<float>{7.5f} << expectedUnderlineProcedures("Marker-BoldItalic", "7.5");
     QTest::newRow("the procedures follow the last font selected")
-        << QList<int>{3, 1} << QList<float>{7.5f, 9.0f} << expectedUnderlineProcs("Marker-Bold", "9");
+        << QList<int>{3, 1} << QList<float>{7.5f, 9.0f} << expectedUnderlineProcedures("Marker-Bold", "9");
     QTest::newRow("a tiny size is written with an exponent")
-        << QList<int>{2} << QList<float>{0.0000125f} << expectedUnderlineProcs("Marker-Italic", "1.25e-05");
+        << QList<int>{2} << QList<float>{0.0000125f} << expectedUnderlineProcedures("Marker-Italic", "1.25e-05");
     QTest::newRow("before any selection: the normal font at size 0")
-        << QList<int>{} << QList<float>{} << expectedUnderlineProcs("Marker-Normal", "0");
+        << QList<int>{} << QList<float>{} << expectedUnderlineProcedures("Marker-Normal", "0");
 }
 
 void TestFontProcedures::underlineProcs()

@@ -69,24 +69,7 @@ QByteArray measured(int style, const QByteArray& size, int characters)
 // The two underline procedures for a font and size.
 QByteArray underlineProcs(int style, const QByteArray& size)
 {
-    const QByteArray font = FontNames[style];
-    return "/font-underline-pos {\n  /" + font + " findfont " + size
-        + " scalefont\n"
-          "  dup /FontInfo get\n"
-          "  dup /UnderlinePosition known { /UnderlinePosition get } { pop 2 px } ifelse\n"
-          "  0 exch\n"
-          "  3 2 roll /FontMatrix get transform\n"
-          "  exch pop\n"
-          "} def\n"
-          "/font-underline-thickness {\n  /"
-        + font + " findfont " + size
-        + " scalefont\n"
-          "  dup /FontInfo get\n"
-          "  dup /UnderlineThickness known { /UnderlineThickness get } { pop 1 px } ifelse\n"
-          "  0 exch\n"
-          "  3 2 roll /FontMatrix get transform\n"
-          "  exch pop\n"
-          "} def\n";
+    return expectedUnderlineProcedures(FontNames[style], size);
 }
 
 // What the six named positions write around each string.

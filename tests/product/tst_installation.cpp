@@ -111,9 +111,7 @@ void TestInstallation::installedTreeHoldsEveryFile()
 
 void TestInstallation::installedProgramMarksExampleJob_data()
 {
-    QTest::addColumn<bool>("duplex");
-    QTest::newRow("simplex") << false;
-    QTest::newRow("duplex") << true;
+    addSimplexAndDuplexRows();
 }
 
 void TestInstallation::installedProgramMarksExampleJob()

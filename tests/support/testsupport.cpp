@@ -212,3 +212,30 @@ void readMarkerTemplate(const QByteArray& content)
     QVERIFY(buffer.open(QIODevice::ReadOnly));
     Marker::instance().readTemplate(buffer);
 }
+
+QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray& size)
+{
+    return "/font-underline-pos {\n"
+           "  /" + font + " findfont " + size + " scalefont\n"
+           "  dup /FontInfo get\n"
+           "  dup /UnderlinePosition known { /UnderlinePosition get } { pop 2 px } ifelse\n"
+           "  0 exch\n"
+           "  3 2 roll /FontMatrix get transform\n"
+           "  exch pop\n"
+           "} def\n"
+           "/font-underline-thickness {\n"
+           "  /" + font + " findfont " + size + " scalefont\n"
+           "  dup /FontInfo get\n"
+           "  dup /UnderlineThickness known { /UnderlineThickness get } { pop 1 px } ifelse\n"
+           "  0 exch\n"
+           "  3 2 roll /FontMatrix get transform\n"
+           "  exch pop\n"
+           "} def\n";
+}
+
+void addSimplexAndDuplexRows()
+{
+    QTest::addColumn<bool>("duplex");
+    QTest::newRow("simplex") << false;
+    QTest::newRow("duplex") << true;
+}

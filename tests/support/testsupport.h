@@ -115,3 +115,10 @@ bool runTool(const QString& workingDirectory, const QString& program, const QStr
 
 // Reads a marker template from memory into Marker::instance().
 void readMarkerTemplate(const QByteArray& content);
+
+// The underline position and thickness procedures that the filter writes for
+// marker font `font` at `size`, spelled out as the expected output.
+QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray& size);
+
+// Adds a "duplex" column with the rows "simplex" (false) and "duplex" (true).
+void addSimplexAndDuplexRows();
