@@ -1,0 +1,102 @@
+// Building the variables of one copy of a job.
+#include "backend/jobvariables.h"
+
+#include <QMap>
+
+#include <cups/cups.h>
+
+const QStringList& reservedVariableKeys()
+{
+    static const QStringList keys = {QStringLiteral("job-originating-user-name"),
+                                     QStringLiteral("job-id"),
+                                     QStringLiteral("job-name"),
+                                     QStringLiteral("printer-name"),
+                                     QStringLiteral("copies"),
+                                     QStringLiteral("CURRENT_COPY"),
+                                     QStringLiteral("PAGE_FORMAT"),
+                                     QStringLiteral("DEVICEWIDTH"),
+                                     QStringLiteral("DEVICEHEIGHT"),
+                                     QStringLiteral("LANDSCAPE"),
+                                     QStringLiteral("DATE"),
+                                     QStringLiteral("TIME"),
+                                     QStringLiteral("NUM_PAGES"),
+                                     QStringLiteral("NUM_PAGES_CONTINUOUS"),
+                                     QStringLiteral("CURRENT_PAGE"),
+                                     QStringLiteral("CURRENT_PAGE_CONTINUOUS")};
+    return keys;
+}
+
+QString cleanValue(const QString& value)
+{
+    QString clean = value;
+    clean.remove(QLatin1Char('\n'));
+    clean.remove(QLatin1Char('\r'));
+    clean.remove(QChar(0));
+    return clean;
+}
+
+KeyValueList parseJobOptions(const QByteArray& options)
+{
+    cups_option_t* parsed = nullptr;
+    const int count = cupsParseOptions(options.constData(), 0, &parsed);
+    KeyValueList pairs;
+    for (int i = 0; i < count; ++i)
+        pairs.append({QString::fromUtf8(parsed[i].name), QString::fromUtf8(parsed[i].value)});
+    cupsFreeOptions(count, parsed);
+    return pairs;
+}
+
+bool isLandscape(const KeyValueList& options)
+{
+    for (const auto& pair : options) {
+        if (pair.first == QLatin1String("landscape"))
+            return pair.second.isEmpty() || pair.second == QLatin1String("true") ||
+                   pair.second == QLatin1String("on") || pair.second == QLatin1String("yes");
+        if (pair.first == QLatin1String("orientation-requested"))
+            return pair.second == QLatin1String("4") || pair.second == QLatin1String("5");
+    }
+    return false;
+}
+
+QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int copy)
+{
+    KeyValueList lines = {
+        {QStringLiteral("job-originating-user-name"), job.user},
+        {QStringLiteral("job-id"), job.jobId},
+        {QStringLiteral("job-name"), job.title},
+        {QStringLiteral("printer-name"), job.printer},
+        {QStringLiteral("copies"), QString::number(job.copies)},
+        {QStringLiteral("CURRENT_COPY"), QString::number(copy)},
+        {QStringLiteral("PAGE_FORMAT"), job.pageFormat},
+        {QStringLiteral("DEVICEWIDTH"), job.deviceWidth},
+        {QStringLiteral("DEVICEHEIGHT"), job.deviceHeight},
+        {QStringLiteral("LANDSCAPE"), job.landscape ? QStringLiteral("1") : QStringLiteral("0")},
+    };
+    for (const auto& option : job.options) {
+        if (queue.jobOptions.contains(option.first) && !reservedVariableKeys().contains(option.first))
+            lines.append(option);
+    }
+    lines += queue.variables;
+
+    QByteArray bytes;
+    for (const auto& pair : lines) {
+        const QString key = cleanValue(pair.first);
+        if (key.isEmpty() || key.contains(QLatin1Char('=')))
+            continue;
+        bytes += key.toUtf8() + '=' + cleanValue(pair.second).toUtf8() + '\n';
+    }
+    return bytes;
+}
+
+QString securityLabel(const KeyValueList& variables)
+{
+    QMap<QString, QString> values;
+    for (const auto& pair : variables)
+        values.insert(pair.first, pair.second);
+    for (const char* key : {"LABEL_NAME", "LABEL_NAME_FULL", "LEVEL_NAME", "mac-job-mac-level-name"}) {
+        const QString value = values.value(QLatin1String(key));
+        if (!value.isEmpty())
+            return value;
+    }
+    return QString();
+}

@@ -1,0 +1,85 @@
+// PostScript handling of the backend: job check, copy count, stream of copies.
+#include "backend/postscriptjob.h"
+
+#include <QIODevice>
+
+namespace
+{
+
+// The comments around pstops's copy request, and the request for one copy
+// in the same form: "n/languagelevel ..." sets /NumCopies on level 2
+// printers and /#copies on level 1 printers.
+const char NumCopiesFeatureBegin[] = "%RBIBeginNonPPDFeature: *NumCopies";
+const char NumCopiesFeatureEnd[] = "%RBIEndNonPPDFeature";
+const char NumCopiesComment[] = "%RBINumCopies:";
+const char OneCopyFeatureBegin[] = "%RBIBeginNonPPDFeature: *NumCopies 1\n";
+const char OneCopyComment[] = "%RBINumCopies: 1\n";
+// - -  Asks the printer for one copy of every page.
+const char OneCopyRequest[] = "1/languagelevel where{pop languagelevel 2 ge}{false}ifelse\n"
+                              "{1 dict begin/NumCopies exch def currentdict end setpagedevice}\n"
+                              "{userdict/#copies 3 -1 roll put}ifelse\n";
+
+// - -  Starts an encapsulated copy: keeps the interpreter's state.
+const char CopyBegin[] = "userdict /quilletCopyState save put\n";
+// - -  Ends an encapsulated copy: drops what the copy left on the operand
+// and dictionary stacks, then returns to the state kept by CopyBegin.
+const char CopyEnd[] = "\nclear { countdictstack 3 le { exit } if end } loop\n"
+                       "userdict /quilletCopyState get restore\n";
+
+const qint64 BlockSize = 1 << 16;
+
+bool copyRest(QIODevice& input, QIODevice& output)
+{
+    for (;;) {
+        const QByteArray block = input.read(BlockSize);
+        if (block.isEmpty())
+            return input.atEnd();
+        if (output.write(block) != block.size())
+            return false;
+    }
+}
+
+} // namespace
+
+bool looksLikePostScript(const QByteArray& head)
+{
+    const QByteArray rest = head.startsWith('\004') ? head.mid(1) : head;
+    return rest.startsWith("%!");
+}
+
+bool copyAsOneCopy(QIODevice& input, QIODevice& output)
+{
+    bool inCopyRequest = false;
+    for (;;) {
+        const QByteArray line = input.readLine();
+        if (line.isEmpty())
+            return input.atEnd();
+        QByteArray written = line;
+        if (line.startsWith(NumCopiesFeatureBegin)) {
+            inCopyRequest = true;
+            written = QByteArray(OneCopyFeatureBegin) + OneCopyRequest;
+        } else if (inCopyRequest) {
+            if (!line.startsWith(NumCopiesFeatureEnd))
+                continue;
+            inCopyRequest = false;
+        } else if (line.startsWith(NumCopiesComment)) {
+            written = OneCopyComment;
+        }
+        if (output.write(written) != written.size())
+            return false;
+    }
+}
+
+bool appendMarkedCopy(QIODevice& copy, QIODevice& stream)
+{
+    const QByteArray firstLine = copy.readLine();
+    if (firstLine.isEmpty())
+        return false;
+    if (stream.write(firstLine) != firstLine.size())
+        return false;
+    if (!firstLine.endsWith('\n') && !stream.putChar('\n'))
+        return false;
+    const QByteArray begin(CopyBegin);
+    const QByteArray end(CopyEnd);
+    return stream.write(begin) == begin.size() && copyRest(copy, stream) && stream.write(end) == end.size();
+}

@@ -1,0 +1,107 @@
+// Reading a queue's marking configuration and the print server's account.
+#include "backend/queuesettings.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+namespace
+{
+
+// Reads a whole file; false when it exists but cannot be read.
+bool readWhole(const QString& path, QByteArray* content)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    *content = file.readAll();
+    return file.error() == QFileDevice::NoError;
+}
+
+// The queue's own file, else the folder's default file; empty when neither exists.
+QString queueFile(const QString& folder, const QString& queue, const QString& suffix)
+{
+    const QString own = folder + QLatin1Char('/') + queue + suffix;
+    if (QFileInfo::exists(own))
+        return own;
+    const QString fallback = folder + QStringLiteral("/default") + suffix;
+    return QFileInfo::exists(fallback) ? fallback : QString();
+}
+
+bool isSafeQueueName(const QString& queue)
+{
+    return !queue.isEmpty() && !queue.contains(QLatin1Char('/')) && !queue.startsWith(QLatin1Char('.'));
+}
+
+} // namespace
+
+KeyValueList parseKeyValueLines(const QByteArray& bytes)
+{
+    KeyValueList pairs;
+    for (const QByteArray& rawLine : bytes.split('\n')) {
+        const QString line = QString::fromUtf8(rawLine).trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            continue;
+        const int equals = line.indexOf(QLatin1Char('='));
+        if (equals <= 0)
+            continue;
+        pairs.append({line.left(equals).trimmed(), line.mid(equals + 1).trimmed()});
+    }
+    return pairs;
+}
+
+QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
+{
+    QueueSettings settings;
+    if (!isSafeQueueName(queue)) {
+        settings.error = QStringLiteral("the queue name \"%1\" cannot name a configuration file").arg(queue);
+        return settings;
+    }
+    const QString folder = serverRoot + QLatin1Char('/') + QLatin1String(QueueConfigFolder);
+
+    settings.variablesFile = queueFile(folder, queue, QStringLiteral(".vars"));
+    if (!settings.variablesFile.isEmpty()) {
+        QByteArray content;
+        if (!readWhole(settings.variablesFile, &content)) {
+            settings.error = QStringLiteral("cannot read %1").arg(settings.variablesFile);
+            return settings;
+        }
+        for (const auto& pair : parseKeyValueLines(content)) {
+            if (pair.first == QLatin1String(JobOptionsSetting)) {
+                for (const QString& name : pair.second.split(QLatin1Char(','), Qt::SkipEmptyParts))
+                    settings.jobOptions.append(name.trimmed());
+            } else if (pair.first == QLatin1String(DuplexSetting)) {
+                settings.duplexBackPages = pair.second == QLatin1String("1");
+            } else if (pair.first == QLatin1String(MarkingUserSetting)) {
+                settings.markingUser = pair.second;
+            } else {
+                settings.variables.append(pair);
+            }
+        }
+    }
+
+    settings.templateFile = queueFile(folder, queue, QStringLiteral(".tmpl"));
+    if (!settings.templateFile.isEmpty()) {
+        QFile file(settings.templateFile);
+        if (!file.open(QIODevice::ReadOnly))
+            settings.error = QStringLiteral("cannot read the template %1").arg(settings.templateFile);
+    }
+    return settings;
+}
+
+ServerAccount readServerAccount(const QString& serverRoot)
+{
+    ServerAccount account;
+    QByteArray content;
+    if (!readWhole(serverRoot + QStringLiteral("/cups-files.conf"), &content))
+        return account;
+    for (const QByteArray& rawLine : content.split('\n')) {
+        const QStringList words = QString::fromUtf8(rawLine).simplified().split(QLatin1Char(' '));
+        if (words.size() != 2)
+            continue;
+        if (words.at(0).compare(QLatin1String("User"), Qt::CaseInsensitive) == 0)
+            account.user = words.at(1);
+        else if (words.at(0).compare(QLatin1String("Group"), Qt::CaseInsensitive) == 0)
+            account.group = words.at(1);
+    }
+    return account;
+}

@@ -1,0 +1,287 @@
+// The private print server of the print queue tests.
+#include "printserver.h"
+
+#include "common/paths.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+
+#include <cups/cups.h>
+#include <csignal>
+#include <sys/stat.h>
+
+namespace
+{
+
+const char CupsFilesConf[] = "ServerRoot @ROOT@/etc\n"
+                             "ServerBin @ROOT@/bin\n"
+                             "DataDir @ROOT@/data\n"
+                             "DocumentRoot @ROOT@/data/doc-root\n"
+                             "RequestRoot @ROOT@/spool\n"
+                             "TempDir @ROOT@/spool/tmp\n"
+                             "CacheDir @ROOT@/cache\n"
+                             "StateDir @ROOT@/state\n"
+                             "ServerKeychain @ROOT@/etc/ssl\n"
+                             "AccessLog @ROOT@/log/access_log\n"
+                             "ErrorLog @ROOT@/log/error_log\n"
+                             "PageLog @ROOT@/log/page_log\n"
+                             "Printcap @ROOT@/state/printcap\n"
+                             "User lp\n"
+                             "Group lp\n"
+                             "SystemGroup root\n"
+                             "FileDevice No\n";
+
+// No authentication: the server is reachable only through its private
+// socket. The page log format is the one the README recommends: the job's
+// total impressions and its last state message.
+const char CupsdConf[] =
+    "LogLevel debug\n"
+    "MaxLogSize 0\n"
+    "PageLogFormat %p %u %j %P %C %{job-impressions-completed} %{job-printer-state-message}\n"
+    "Listen @ROOT@/cups.sock\n"
+    "Browsing No\n"
+    "BrowseLocalProtocols none\n"
+    "DefaultAuthType None\n"
+    "JobPrivateAccess all\n"
+    "JobPrivateValues none\n"
+    "PreserveJobHistory Yes\n"
+    "<Location />\n  Order allow,deny\n  Allow all\n</Location>\n"
+    "<Policy default>\n  JobPrivateAccess all\n  JobPrivateValues none\n"
+    "  <Limit All>\n    Order deny,allow\n  </Limit>\n</Policy>\n";
+
+// An empty community name turns off the SNMP probes of CUPS's network
+// backends, which would cost seconds per job on a printer without SNMP.
+const char SnmpConf[] = "Community\n";
+
+// How long cupsd may take to open its socket.
+constexpr int StartMs = 20000;
+
+// The processes whose parent is `parent`, from /proc.
+QList<int> childProcesses(qint64 parent)
+{
+    QList<int> children;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        const int pid = entry.toInt();
+        if (pid <= 0)
+            continue;
+        // "pid (name) state ppid ...": the name may hold blanks and brackets.
+        const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 1 && fields.at(1).toLongLong() == parent)
+            children.append(pid);
+    }
+    return children;
+}
+
+bool isFinal(int state)
+{
+    return state >= JobCanceled;
+}
+
+} // namespace
+
+PrintServer::PrintServer()
+{
+    // The unprivileged printing user and the server's own account must get
+    // through the temporary folder.
+    chmod(QFile::encodeName(m_dir.path()).constData(), 0755);
+}
+
+PrintServer::~PrintServer()
+{
+    stop();
+}
+
+bool PrintServer::available()
+{
+    return QFileInfo::exists(QStringLiteral("/usr/sbin/cupsd")) && haveProgram(QStringLiteral("lp")) &&
+           haveProgram(QStringLiteral("lpadmin")) &&
+           QFileInfo::exists(QStringLiteral("/usr/lib/cups/backend/socket")) &&
+           QFileInfo::exists(QStringLiteral("/usr/lib/cups/filter/pstops"));
+}
+
+QString PrintServer::serverRoot() const
+{
+    return m_dir.filePath(QStringLiteral("etc"));
+}
+
+QString PrintServer::writeConfig(const QString& relative, const QByteArray& content) const
+{
+    const QString path = serverRoot() + QLatin1Char('/') + relative;
+    writeFile(path, content);
+    chmod(QFile::encodeName(path).constData(), 0600);
+    chmod(QFile::encodeName(QFileInfo(path).path()).constData(), 0700);
+    return path;
+}
+
+QString PrintServer::writeJobFile(const QString& name, const QByteArray& content) const
+{
+    const QString path = m_dir.filePath(QStringLiteral("documents/") + name);
+    writeFile(path, content);
+    chmod(QFile::encodeName(QFileInfo(path).path()).constData(), 0755);
+    chmod(QFile::encodeName(path).constData(), 0644);
+    return path;
+}
+
+bool PrintServer::start(const QString& backend, QString* error)
+{
+    const QString root = m_dir.path();
+    for (const char* folder : {"etc/ppd", "etc/ssl", "etc/quillet", "bin/backend", "data", "spool/tmp",
+                               "cache", "state", "log", "quillet-bin", "documents"})
+        QDir(root).mkpath(QLatin1String(folder));
+    auto fill = [&root](const char* text) {
+        return QByteArray(text).replace("@ROOT@", QFile::encodeName(root));
+    };
+    writeFile(root + QStringLiteral("/etc/cups-files.conf"), fill(CupsFilesConf));
+    writeFile(root + QStringLiteral("/etc/cupsd.conf"), fill(CupsdConf));
+    writeFile(root + QStringLiteral("/etc/snmp.conf"), SnmpConf);
+    chmod(QFile::encodeName(root + QStringLiteral("/etc/quillet")).constData(), 0700);
+
+    // The program folder: the system's filters, daemons and backends, and
+    // the backend under test, owned by root with mode 0700 as installed.
+    const QString system = QStringLiteral("/usr/lib/cups");
+    for (const QString& entry : QDir(system).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        if (entry != QLatin1String("backend"))
+            QFile::link(system + QLatin1Char('/') + entry, root + QStringLiteral("/bin/") + entry);
+    }
+    for (const QString& entry :
+         QDir(system + QStringLiteral("/backend")).entryList(QDir::Files | QDir::System)) {
+        if (entry != QLatin1String("quillet"))
+            QFile::link(system + QStringLiteral("/backend/") + entry,
+                        root + QStringLiteral("/bin/backend/") + entry);
+    }
+    const QString installedBackend = root + QStringLiteral("/bin/backend/quillet");
+    if (!QFile::copy(backend, installedBackend)) {
+        *error = QStringLiteral("cannot copy %1").arg(backend);
+        return false;
+    }
+    chmod(QFile::encodeName(installedBackend).constData(), 0700);
+
+    // quillet at its installed path and the shipped catalogue in the data
+    // folder, inside the server's mount namespace only.
+    const QString quilletDir = QFileInfo(QLatin1String(QuilletExecutablePath)).path();
+    QFile::link(quilletExecutable(), root + QStringLiteral("/quillet-bin/") +
+                                         QFileInfo(QLatin1String(QuilletExecutablePath)).fileName());
+    m_tree.installCatalogue();
+
+    m_cupsd.setProgram(QStringLiteral(QUILLET_SANDBOX));
+    m_cupsd.setArguments({QStringLiteral("--bind"), QLatin1String(CupsDataDir),
+                          root + QStringLiteral("/data"), QStringLiteral("--bind"), m_tree.shareCups(),
+                          QLatin1String(CupsDataDir), QStringLiteral("--bind"), m_tree.etcCups(),
+                          QLatin1String(CupsServerRoot), QStringLiteral("--bind"),
+                          root + QStringLiteral("/quillet-bin"), quilletDir, QStringLiteral("--"),
+                          QStringLiteral("/usr/sbin/cupsd"), QStringLiteral("-f"), QStringLiteral("-c"),
+                          root + QStringLiteral("/etc/cupsd.conf"), QStringLiteral("-s"),
+                          root + QStringLiteral("/etc/cups-files.conf")});
+    m_cupsd.setProcessChannelMode(QProcess::MergedChannels);
+    m_cupsd.start();
+    if (!m_cupsd.waitForStarted()) {
+        *error = QStringLiteral("cannot start cupsd in the sandbox");
+        return false;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    const QString socket = root + QStringLiteral("/cups.sock");
+    while (timer.elapsed() < StartMs) {
+        if (QFileInfo::exists(socket) &&
+            admin(QStringLiteral("lpstat"), {QStringLiteral("-r")}).exitCode == 0) {
+            cupsSetServer(QFile::encodeName(socket).constData());
+            return true;
+        }
+        if (m_cupsd.state() == QProcess::NotRunning)
+            break;
+        QThread::msleep(100);
+    }
+    *error =
+        QStringLiteral("cupsd did not start: %1 %2")
+            .arg(QString::fromLocal8Bit(m_cupsd.readAll()), QString::fromLocal8Bit(errorLog().right(3000)));
+    return false;
+}
+
+void PrintServer::stop()
+{
+    if (m_cupsd.state() == QProcess::NotRunning)
+        return;
+    // The sandbox runs cupsd as its child (unshare and the inner shell
+    // exec it), so cupsd is the child of the started process.
+    for (const int pid : childProcesses(m_cupsd.processId()))
+        ::kill(pid, SIGTERM);
+    if (!m_cupsd.waitForFinished(15000)) {
+        m_cupsd.kill();
+        m_cupsd.waitForFinished();
+    }
+}
+
+RunResult PrintServer::admin(const QString& program, const QStringList& arguments) const
+{
+    return runProgram(program, arguments,
+                      {QStringLiteral("CUPS_SERVER=") + m_dir.filePath(QStringLiteral("cups.sock"))});
+}
+
+int PrintServer::print(const QStringList& arguments, QString* error) const
+{
+    const RunResult run =
+        runProgram(QStringLiteral("runuser"),
+                   QStringList{QStringLiteral("-u"), QStringLiteral("nobody"), QStringLiteral("--"),
+                               QStringLiteral("env"),
+                               QStringLiteral("CUPS_SERVER=") + m_dir.filePath(QStringLiteral("cups.sock")),
+                               QStringLiteral("lp")} +
+                       arguments,
+                   {}, m_dir.path());
+    // "request id is <queue>-<id> (1 file(s))"
+    const QString output = QString::fromLocal8Bit(run.standardOutput);
+    const int id = output.section(QLatin1Char(' '), 3, 3).section(QLatin1Char('-'), -1).toInt();
+    if (run.exitCode != 0 || id <= 0)
+        *error =
+            QStringLiteral("lp %1 failed: %2 %3")
+                .arg(arguments.join(QLatin1Char(' ')), output, QString::fromLocal8Bit(run.standardError));
+    return run.exitCode == 0 ? id : 0;
+}
+
+QList<ServerJob> PrintServer::jobs() const
+{
+    QList<ServerJob> list;
+    cups_job_t* jobs = nullptr;
+    const int count = cupsGetJobs2(CUPS_HTTP_DEFAULT, &jobs, nullptr, 0, CUPS_WHICHJOBS_ALL);
+    for (int i = 0; i < count; ++i)
+        list.append({jobs[i].id, QString::fromUtf8(jobs[i].dest), int(jobs[i].state)});
+    cupsFreeJobs(count, jobs);
+    return list;
+}
+
+int PrintServer::jobState(int id) const
+{
+    for (const ServerJob& job : jobs()) {
+        if (job.id == id)
+            return job.state;
+    }
+    return 0;
+}
+
+bool PrintServer::waitForJobs(const QList<int>& ids, int timeoutMs) const
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < timeoutMs) {
+        bool done = true;
+        for (int id : ids)
+            done = done && isFinal(jobState(id));
+        if (done)
+            return true;
+        QThread::msleep(200);
+    }
+    return false;
+}
+
+QByteArray PrintServer::errorLog() const
+{
+    return readFile(m_dir.filePath(QStringLiteral("log/error_log")));
+}
+
+QByteArray PrintServer::pageLog() const
+{
+    return readFile(m_dir.filePath(QStringLiteral("log/page_log")));
+}

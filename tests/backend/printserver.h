@@ -1,0 +1,77 @@
+// A private CUPS print server for the print queue tests: its own server
+// root, program folder, spool and logs, listening only on a Unix socket in a
+// temporary folder, run inside the sandbox so that quillet and its catalogue
+// stand at their installed paths. The machine's own print server and its
+// /etc/cups are never used.
+#pragma once
+
+#include "support/testsupport.h"
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+// IPP job states of finished jobs.
+constexpr int JobCanceled = 7;
+constexpr int JobAborted = 8;
+constexpr int JobCompleted = 9;
+
+// A job as the print server reports it.
+struct ServerJob {
+    int id = 0;
+    QString queue;
+    // IPP job state: 3 pending ... 7 canceled, 8 aborted, 9 completed.
+    int state = 0;
+};
+
+class PrintServer
+{
+  public:
+    PrintServer();
+    ~PrintServer();
+
+    // Whether cupsd and the client programs are installed.
+    static bool available();
+
+    // Writes the configuration and starts cupsd with the given quillet
+    // backend in its program folder; false with *error set on failure.
+    bool start(const QString& backend, QString* error);
+
+    // Stops cupsd (SIGTERM) and waits for it.
+    void stop();
+
+    // The server root (the backend's configuration folder is quillet/ in it).
+    QString serverRoot() const;
+
+    // Writes a file below the server root (owner root, not readable by others).
+    QString writeConfig(const QString& relative, const QByteArray& content) const;
+
+    // A file for a print job, readable by the unprivileged user who prints it.
+    QString writeJobFile(const QString& name, const QByteArray& content) const;
+
+    // Runs a CUPS client program as root against this server.
+    RunResult admin(const QString& program, const QStringList& arguments) const;
+
+    // Runs lp as the unprivileged user "nobody"; returns the job id or 0
+    // (with *error set).
+    int print(const QStringList& arguments, QString* error) const;
+
+    // The server's jobs, all states.
+    QList<ServerJob> jobs() const;
+
+    // Waits until the jobs are all in a final state (canceled, aborted or
+    // completed); false on time-out.
+    bool waitForJobs(const QList<int>& ids, int timeoutMs) const;
+
+    // The state of one job (0 when unknown).
+    int jobState(int id) const;
+
+    QByteArray errorLog() const;
+    QByteArray pageLog() const;
+
+  private:
+    QTemporaryDir m_dir;
+    QProcess m_cupsd;
+    FixtureTree m_tree;
+};

@@ -1,0 +1,489 @@
+// The print queue end to end: a private cupsd with queues on the quillet
+// backend, a stand-in network printer per queue, jobs printed with lp by an
+// unprivileged user, and what reached the printers read back with Ghostscript
+// and Poppler.
+#include "printserver.h"
+#include "standinprinter.h"
+#include "support/postscripttools.h"
+#include "support/testsupport.h"
+
+#include <QMap>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <memory>
+
+namespace
+{
+
+// The marked queue's template: every string names what the tests look for.
+const char QueueTemplate[] = "any:bold:12::label:top-center:{LABEL_NAME}\n"
+                             "any:normal:9::user:top-left:User {job-originating-user-name}\n"
+                             "any:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                             "any:normal:9::job:bottom-left:Job {job-id} project {project}\n"
+                             "any:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n";
+
+// The administrator's variables: the label, and the one job option a user
+// may set. A key that the backend sets itself stays out even when listed.
+const char QueueVariables[] = "LABEL_NAME=Kestrel Restricted\n"
+                              "MarkerJobOptions=project,job-originating-user-name,copies,LABEL_NAME_FULL\n";
+
+const char Label[] = "Kestrel Restricted";
+const char PrintingUser[] = "nobody";
+
+// Bounds of the whole run.
+constexpr int PrinterLifetimeMs = 240000;
+constexpr int JobsTimeoutMs = 120000;
+
+const char GenericPpd[] = "drv:///sample.drv/generic.ppd";
+
+// One job printed by the suite.
+struct PrintedJob {
+    QString queue;
+    int id = 0;
+    // Pages of one copy and the copies asked for; 0 pages for a job that
+    // must be refused.
+    int pages = 0;
+    int copies = 1;
+};
+
+// What reached a printer in one connection, read back.
+struct Capture {
+    QString file;
+    QString pdf;
+    QStringList pageTexts;
+    int jobId = 0;
+};
+
+QByteArray pagedText(int pages, const QByteArray& word)
+{
+    QByteArray text;
+    for (int page = 1; page <= pages; ++page) {
+        if (page > 1)
+            text += '\f';
+        text += word + " page " + QByteArray::number(page) + "\nA line of the document body.\n";
+    }
+    return text;
+}
+
+} // namespace
+
+class TestPrintQueue : public QObject
+{
+    Q_OBJECT
+
+  private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void backendSchemeIsListed();
+    void everyCopyIsMarked_data();
+    void everyCopyIsMarked();
+    void forgedOptionsChangeNothing();
+    void refusedJobSendsNothing_data();
+    void refusedJobSendsNothing();
+    void nextJobPrintsAfterRefusal_data();
+    void nextJobPrintsAfterRefusal();
+    void pageLogCountsPagesTimesCopies_data();
+    void pageLogCountsPagesTimesCopies();
+    void auditLineForEveryJob_data();
+    void auditLineForEveryJob();
+    void noCapturedPageIsUnmarked();
+
+  private:
+    StandInPrinter& printer(const QString& queue);
+    void addQueue(const QString& queue, const QString& uri);
+    int submit(const QString& name, const QString& queue, const QString& file, int pages, int copies,
+               const QStringList& options = {});
+    void readCaptures();
+    const Capture* captureOf(const QString& name) const;
+    QStringList jobLogLines(int id) const;
+
+    QTemporaryDir m_work;
+    PrintServer m_server;
+    QMap<QString, std::shared_ptr<StandInPrinter>> m_printers;
+    QMap<QString, PrintedJob> m_jobs;
+    QList<Capture> m_captures;
+};
+
+StandInPrinter& TestPrintQueue::printer(const QString& queue)
+{
+    if (!m_printers.contains(queue)) {
+        auto standIn = std::make_shared<StandInPrinter>(m_work.filePath(queue), PrinterLifetimeMs);
+        QString error;
+        if (!standIn->start(&error))
+            qFatal("%s", qPrintable(error));
+        m_printers.insert(queue, standIn);
+    }
+    return *m_printers.value(queue);
+}
+
+void TestPrintQueue::addQueue(const QString& queue, const QString& uri)
+{
+    const RunResult added = m_server.admin(
+        QStringLiteral("lpadmin"), {QStringLiteral("-p"), queue, QStringLiteral("-E"), QStringLiteral("-v"),
+                                    uri, QStringLiteral("-m"), QLatin1String(GenericPpd)});
+    QVERIFY2(added.exitCode == 0, added.standardError.constData());
+}
+
+int TestPrintQueue::submit(const QString& name, const QString& queue, const QString& file, int pages,
+                           int copies, const QStringList& options)
+{
+    QStringList arguments = {QStringLiteral("-d"),   queue, QStringLiteral("-t"), name, QStringLiteral("-n"),
+                             QString::number(copies)};
+    for (const QString& option : options)
+        arguments << QStringLiteral("-o") << option;
+    arguments << file;
+    QString error;
+    const int id = m_server.print(arguments, &error);
+    if (id <= 0)
+        qWarning("%s", qPrintable(error));
+    m_jobs.insert(name, {queue, id, pages, copies});
+    return id;
+}
+
+void TestPrintQueue::initTestCase()
+{
+    if (!PrintServer::available())
+        QSKIP("cupsd, the CUPS client programs, pstops or the socket backend are not installed");
+    for (const char* tool : {"gs", "ps2pdf", "pdftotext", "pdfinfo", "enscript", "runuser"}) {
+        if (!haveProgram(QLatin1String(tool)))
+            QSKIP(qPrintable(QStringLiteral("%1 is needed").arg(QLatin1String(tool))));
+    }
+    QVERIFY(m_work.isValid());
+
+    // The marked queue's configuration, root only, as an administrator
+    // leaves it.
+    m_server.writeConfig(QStringLiteral("quillet/marked.tmpl"), QueueTemplate);
+    m_server.writeConfig(QStringLiteral("quillet/marked.vars"), QueueVariables);
+    m_server.writeConfig(QStringLiteral("quillet/bare.vars"), QueueVariables);
+
+    QString error;
+    QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
+    addQueue(QStringLiteral("marked"),
+             QStringLiteral("quillet:") + printer(QStringLiteral("marked")).socketUri());
+    addQueue(QStringLiteral("bare"),
+             QStringLiteral("quillet:") + printer(QStringLiteral("bare")).socketUri());
+    addQueue(QStringLiteral("wrapped"),
+             QStringLiteral("quillet:quillet:") + printer(QStringLiteral("wrapped")).socketUri());
+    addQueue(QStringLiteral("unknown"), QStringLiteral("quillet:nosuchbackend://127.0.0.1:9"));
+    m_server.writeConfig(QStringLiteral("quillet/wrapped.tmpl"), QueueTemplate);
+    m_server.writeConfig(QStringLiteral("quillet/unknown.tmpl"), QueueTemplate);
+
+    // The documents: PostScript from enscript, PDF, plain text, binary data.
+    QString toolError;
+    const QString text3 = m_server.writeJobFile(QStringLiteral("three.txt"), pagedText(3, "Enscript"));
+    const QString postscript = m_server.writeJobFile(QStringLiteral("three.ps"), QByteArray());
+    QVERIFY2(runTool(m_work.path(), QStringLiteral("enscript"),
+                     {QStringLiteral("-q"), QStringLiteral("-p"), postscript, text3}, &toolError),
+             qPrintable(toolError));
+    const QString text2 = m_work.filePath(QStringLiteral("two.txt"));
+    QVERIFY(writeFile(text2, pagedText(2, "Portable")));
+    const QString twoPs = m_work.filePath(QStringLiteral("two.ps"));
+    QVERIFY2(runTool(m_work.path(), QStringLiteral("enscript"),
+                     {QStringLiteral("-q"), QStringLiteral("-p"), twoPs, text2}, &toolError),
+             qPrintable(toolError));
+    const QString pdf = m_server.writeJobFile(QStringLiteral("two.pdf"), QByteArray());
+    QVERIFY(convertToPdf(twoPs, pdf, &toolError));
+    const QString plain = m_server.writeJobFile(QStringLiteral("plain.txt"), pagedText(2, "Plain"));
+    QByteArray binary;
+    for (int i = 0; i < 4096; ++i)
+        binary += char((i * 7 + 3) % 256);
+    const QString raw = m_server.writeJobFile(QStringLiteral("binary.prn"), "\x1b%-12345X" + binary);
+
+    // Every queue prints at the same time; within a queue the jobs keep
+    // their order.
+    submit(QStringLiteral("postscript"), QStringLiteral("marked"), postscript, 3, 2);
+    submit(QStringLiteral("pdf"), QStringLiteral("marked"), pdf, 2, 2);
+    submit(QStringLiteral("text"), QStringLiteral("marked"), plain, 2, 2);
+    submit(QStringLiteral("forged"), QStringLiteral("marked"), postscript, 3, 1,
+           {QStringLiteral("job-originating-user-name=someone"), QStringLiteral("LABEL_NAME=FORGED"),
+            QStringLiteral("project=Apollo")});
+    submit(QStringLiteral("raw binary"), QStringLiteral("marked"), raw, 0, 1, {QStringLiteral("raw")});
+    submit(QStringLiteral("after raw binary"), QStringLiteral("marked"), plain, 2, 1);
+    submit(QStringLiteral("no template"), QStringLiteral("bare"), postscript, 0, 1);
+    submit(QStringLiteral("wrapped URI"), QStringLiteral("wrapped"), postscript, 0, 1);
+    submit(QStringLiteral("unknown scheme"), QStringLiteral("unknown"), postscript, 0, 1);
+    QList<int> ids;
+    for (const PrintedJob& job : qAsConst(m_jobs)) {
+        QVERIFY(job.id > 0);
+        ids.append(job.id);
+    }
+    QVERIFY2(m_server.waitForJobs(ids, JobsTimeoutMs), m_server.errorLog().right(4000).constData());
+
+    // The template arrives: the queue's next job prints.
+    m_server.writeConfig(QStringLiteral("quillet/bare.tmpl"), QueueTemplate);
+    const int next = submit(QStringLiteral("after no template"), QStringLiteral("bare"), postscript, 3, 1);
+    QVERIFY(next > 0);
+    QVERIFY2(m_server.waitForJobs({next}, JobsTimeoutMs), m_server.errorLog().right(4000).constData());
+
+    readCaptures();
+}
+
+void TestPrintQueue::cleanupTestCase()
+{
+    m_server.stop();
+    for (const auto& standIn : qAsConst(m_printers))
+        standIn->stop();
+}
+
+void TestPrintQueue::readCaptures()
+{
+    static const QRegularExpression jobPattern(QStringLiteral("Job (\\d+) project"));
+    for (auto it = m_printers.cbegin(); it != m_printers.cend(); ++it) {
+        for (const QString& file : it.value()->jobs()) {
+            Capture capture;
+            capture.file = file;
+            capture.pdf = file + QStringLiteral(".pdf");
+            QString error;
+            if (convertToPdf(file, capture.pdf, &error))
+                capture.pageTexts = pdfPageTexts(capture.pdf);
+            else
+                qWarning("%s: %s", qPrintable(file), qPrintable(error));
+            if (!capture.pageTexts.isEmpty()) {
+                const QRegularExpressionMatch match = jobPattern.match(capture.pageTexts.first());
+                capture.jobId = match.hasMatch() ? match.captured(1).toInt() : 0;
+            }
+            m_captures.append(capture);
+        }
+    }
+}
+
+const Capture* TestPrintQueue::captureOf(const QString& name) const
+{
+    const int id = m_jobs.value(name).id;
+    for (const Capture& capture : m_captures) {
+        if (capture.jobId == id)
+            return &capture;
+    }
+    return nullptr;
+}
+
+QStringList TestPrintQueue::jobLogLines(int id) const
+{
+    QStringList lines;
+    const QString tag = QStringLiteral("[Job %1] ").arg(id);
+    for (const QByteArray& line : m_server.errorLog().split('\n')) {
+        const QString text = QString::fromUtf8(line);
+        if (text.contains(tag))
+            lines.append(text);
+    }
+    return lines;
+}
+
+void TestPrintQueue::backendSchemeIsListed()
+{
+    const RunResult listed = m_server.admin(QStringLiteral("lpinfo"), {QStringLiteral("-v")});
+    QCOMPARE(listed.exitCode, 0);
+    QVERIFY2(listed.standardOutput.contains("network quillet"), listed.standardOutput.constData());
+}
+
+void TestPrintQueue::everyCopyIsMarked_data()
+{
+    QTest::addColumn<QString>("job");
+    QTest::newRow("PostScript from enscript, 3 pages, 2 copies") << QStringLiteral("postscript");
+    QTest::newRow("PDF, 2 pages, 2 copies") << QStringLiteral("pdf");
+    QTest::newRow("plain text, 2 pages, 2 copies") << QStringLiteral("text");
+}
+
+void TestPrintQueue::everyCopyIsMarked()
+{
+    QFETCH(QString, job);
+    const PrintedJob printed = m_jobs.value(job);
+    QCOMPARE(m_server.jobState(printed.id), JobCompleted);
+    const Capture* capture = captureOf(job);
+    QVERIFY2(capture, qPrintable(QStringLiteral("nothing from job %1 reached the printer").arg(printed.id)));
+
+    // Collated copies: the document's pages once per copy, in order.
+    QCOMPARE(capture->pageTexts.size(), printed.pages * printed.copies);
+    QCOMPARE(pdfPageCount(capture->pdf), printed.pages * printed.copies);
+    for (int sheet = 0; sheet < capture->pageTexts.size(); ++sheet) {
+        const QString text = capture->pageTexts.at(sheet).simplified();
+        const int copy = sheet / printed.pages + 1;
+        const int page = sheet % printed.pages + 1;
+        QVERIFY2(text.contains(QStringLiteral("User %1").arg(QLatin1String(PrintingUser))), qPrintable(text));
+        QVERIFY2(text.contains(QLatin1String(Label)), qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("Copy %1 of %2").arg(copy).arg(printed.copies)),
+                 qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("Page %1 of %2").arg(page).arg(printed.pages)),
+                 qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("Job %1 project").arg(printed.id)), qPrintable(text));
+        QVERIFY2(!text.contains(QStringLiteral("Apollo")), qPrintable(text));
+    }
+    // The printer is never asked to multiply the marked stream.
+    static const QRegularExpression copyRequest(QStringLiteral("^(\\d+)/languagelevel where"),
+                                                QRegularExpression::MultilineOption);
+    const QString stream = QString::fromLatin1(readFile(capture->file));
+    int requests = 0;
+    for (auto match = copyRequest.globalMatch(stream); match.hasNext(); ++requests)
+        QCOMPARE(match.next().captured(1), QStringLiteral("1"));
+    QCOMPARE(requests, printed.copies);
+    QVERIFY(!stream.contains(QStringLiteral("*NumCopies 2")));
+    // The printer's interpreter runs the whole stream without an error.
+    QCOMPARE(ghostscriptErrors(capture->file), QString());
+    QString error;
+    const QList<GrayPage> pages = renderPages(capture->file, 20, &error);
+    QCOMPARE(error, QString());
+    QCOMPARE(pages.size(), printed.pages * printed.copies);
+}
+
+void TestPrintQueue::forgedOptionsChangeNothing()
+{
+    const PrintedJob printed = m_jobs.value(QStringLiteral("forged"));
+    const Capture* capture = captureOf(QStringLiteral("forged"));
+    QVERIFY2(capture, "nothing from the job with forged options reached the printer");
+    QCOMPARE(capture->pageTexts.size(), printed.pages);
+    for (const QString& page : capture->pageTexts) {
+        const QString text = page.simplified();
+        QVERIFY2(text.contains(QStringLiteral("User %1").arg(QLatin1String(PrintingUser))), qPrintable(text));
+        QVERIFY2(!text.contains(QStringLiteral("someone")), qPrintable(text));
+        QVERIFY2(text.contains(QLatin1String(Label)) && !text.contains(QStringLiteral("FORGED")),
+                 qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("Copy 1 of 1")), qPrintable(text));
+        // The allowed option reaches the marks.
+        QVERIFY2(text.contains(QStringLiteral("project Apollo")), qPrintable(text));
+    }
+}
+
+void TestPrintQueue::refusedJobSendsNothing_data()
+{
+    QTest::addColumn<QString>("job");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("raw binary data") << QStringLiteral("raw binary") << QStringLiteral("not PostScript");
+    QTest::newRow("queue without template")
+        << QStringLiteral("no template") << QStringLiteral("has no template");
+    QTest::newRow("device URI wrapping quillet") << QStringLiteral("wrapped URI") << QStringLiteral("wraps");
+    QTest::newRow("device URI naming no backend")
+        << QStringLiteral("unknown scheme") << QStringLiteral("no backend");
+}
+
+void TestPrintQueue::refusedJobSendsNothing()
+{
+    QFETCH(QString, job);
+    QFETCH(QString, reason);
+    const PrintedJob printed = m_jobs.value(job);
+    // Not completed: the job is cancelled, so it is neither printed nor
+    // left to stop the queue.
+    QCOMPARE(m_server.jobState(printed.id), JobCanceled);
+    QVERIFY2(!captureOf(job), "a refused job reached the printer");
+    if (job == QLatin1String("wrapped URI"))
+        QCOMPARE(printer(QStringLiteral("wrapped")).jobs(), QStringList());
+
+    // One ERROR line names the job and the reason.
+    const QStringList errors =
+        jobLogLines(printed.id)
+            .filter(QRegularExpression(QStringLiteral("^E .*quillet: job %1 on ").arg(printed.id)));
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().contains(reason), qPrintable(errors.first()));
+}
+
+void TestPrintQueue::nextJobPrintsAfterRefusal_data()
+{
+    QTest::addColumn<QString>("job");
+    QTest::newRow("after raw binary data") << QStringLiteral("after raw binary");
+    QTest::newRow("after a job on a queue without template") << QStringLiteral("after no template");
+}
+
+void TestPrintQueue::nextJobPrintsAfterRefusal()
+{
+    QFETCH(QString, job);
+    const PrintedJob printed = m_jobs.value(job);
+    QCOMPARE(m_server.jobState(printed.id), JobCompleted);
+    const Capture* capture = captureOf(job);
+    QVERIFY2(capture, "the next job did not reach the printer");
+    QCOMPARE(capture->pageTexts.size(), printed.pages);
+}
+
+void TestPrintQueue::pageLogCountsPagesTimesCopies_data()
+{
+    QTest::addColumn<QString>("job");
+    for (const char* job :
+         {"postscript", "pdf", "text", "forged", "after raw binary", "raw binary", "no template"})
+        QTest::newRow(job) << QString::fromLatin1(job);
+}
+
+void TestPrintQueue::pageLogCountsPagesTimesCopies()
+{
+    QFETCH(QString, job);
+    const PrintedJob printed = m_jobs.value(job);
+    // One line per job: "<queue> <user> <job> total <impressions>
+    // <impressions> <state message>". A printed job counts its pages times
+    // its copies and ends with its audit line; a refused one says so.
+    const QString head =
+        QStringLiteral("%1 %2 %3 total ").arg(printed.queue, QLatin1String(PrintingUser)).arg(printed.id);
+    QStringList lines;
+    for (const QByteArray& line : m_server.pageLog().split('\n')) {
+        if (line.startsWith(head.toUtf8()))
+            lines.append(QString::fromUtf8(line));
+    }
+    QCOMPARE(lines.size(), 1);
+    const QString& line = lines.first();
+    if (printed.pages > 0) {
+        const int impressions = printed.pages * printed.copies;
+        QVERIFY2(line.startsWith(head + QStringLiteral("%1 %1 quillet audit: ").arg(impressions)),
+                 qPrintable(line));
+        QVERIFY2(line.contains(QStringLiteral(" sent=%1 outcome=marked-and-sent").arg(impressions)),
+                 qPrintable(line));
+    } else {
+        QVERIFY2(line.contains(QStringLiteral(" quillet: job %1 on %2 refused, nothing printed: ")
+                                   .arg(printed.id)
+                                   .arg(printed.queue)),
+                 qPrintable(line));
+    }
+}
+
+void TestPrintQueue::auditLineForEveryJob_data()
+{
+    QTest::addColumn<QString>("job");
+    QTest::addColumn<QString>("outcome");
+    QTest::newRow("PostScript, 2 copies")
+        << QStringLiteral("postscript") << QStringLiteral("outcome=marked-and-sent");
+    QTest::newRow("forged options") << QStringLiteral("forged") << QStringLiteral("outcome=marked-and-sent");
+    QTest::newRow("raw binary data") << QStringLiteral("raw binary")
+                                     << QStringLiteral("outcome=refused reason=");
+    QTest::newRow("no template") << QStringLiteral("no template")
+                                 << QStringLiteral("outcome=refused reason=");
+}
+
+void TestPrintQueue::auditLineForEveryJob()
+{
+    QFETCH(QString, job);
+    QFETCH(QString, outcome);
+    const PrintedJob printed = m_jobs.value(job);
+    // At NOTICE level; the log writes the line's quotes as \".
+    const QStringList audits =
+        jobLogLines(printed.id).filter(QRegularExpression(QStringLiteral("^N .* quillet audit: ")));
+    QCOMPARE(audits.size(), 1);
+    const QString line = QString(audits.first()).replace(QStringLiteral("\\\""), QStringLiteral("\""));
+    const QString fields =
+        QStringLiteral("job=%1 user=\"%2\" queue=%3 label=\"%4\" pages=%5 copies=%6 sent=%7 ")
+            .arg(printed.id)
+            .arg(QLatin1String(PrintingUser), printed.queue, QLatin1String(Label))
+            .arg(printed.pages)
+            .arg(printed.copies)
+            .arg(printed.pages * printed.copies);
+    QVERIFY2(line.contains(fields + outcome), qPrintable(line));
+}
+
+void TestPrintQueue::noCapturedPageIsUnmarked()
+{
+    int pages = 0;
+    for (const Capture& capture : qAsConst(m_captures)) {
+        QVERIFY2(!capture.pageTexts.isEmpty(), qPrintable(capture.file));
+        QCOMPARE(pdfPageCount(capture.pdf), capture.pageTexts.size());
+        for (const QString& page : capture.pageTexts) {
+            const QString text = page.simplified();
+            QVERIFY2(text.contains(QLatin1String(Label)) && text.contains(QStringLiteral("User ")) &&
+                         text.contains(QStringLiteral("Page ")),
+                     qPrintable(capture.file + QStringLiteral(": ") + text));
+            ++pages;
+        }
+    }
+    // Every page the printed jobs asked for, and nothing else.
+    int expected = 0;
+    for (const PrintedJob& job : qAsConst(m_jobs))
+        expected += job.pages * job.copies;
+    QCOMPARE(pages, expected);
+}
+
+QTEST_GUILESS_MAIN(TestPrintQueue)
+#include "tst_printqueue.moc"
