@@ -1,13 +1,16 @@
 #!/bin/bash
 # Installs the Debian packages that quillet needs to build. With --example,
 # also Ghostscript to render the example job; with --tests, also the tools
-# that the test suite drives (Ghostscript, Poppler, document makers).
+# that the test suite drives (Ghostscript, Poppler, document makers, and the
+# CUPS print server with its client programs and filters, which the print
+# queue tests run privately).
 set -euo pipefail
 
 build_packages=(
     cmake g++ make
     qtbase5-dev qttools5-dev qttools5-dev-tools
     t1utils fonts-urw-base35
+    libcups2-dev
 )
 test_packages=(
     ghostscript poppler-utils
@@ -15,6 +18,7 @@ test_packages=(
     util-linux mount
     dpkg-dev file
     time
+    cups cups-client cups-filters
 )
 
 packages=("${build_packages[@]}")

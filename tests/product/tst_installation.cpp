@@ -10,6 +10,8 @@
 #include <QRegularExpression>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QString InstallPrefix = QStringLiteral(QUILLET_INSTALL_PREFIX);
@@ -47,6 +49,7 @@ private slots:
     void installedTreeHoldsEveryFile();
     void installedProgramMarksExampleJob_data();
     void installedProgramMarksExampleJob();
+    void backendRunsAsRootOnly();
     void fatalMessageFollowsLocale_data();
     void fatalMessageFollowsLocale();
     void packageMatchesInstallation();
@@ -97,6 +100,8 @@ void TestInstallation::installedTreeHoldsEveryFile_data()
     QTest::newRow("shipped definitions") << data + QStringLiteral("/quillet/marker.defs");
     for (const char* font : {"NimbusSans-Regular", "NimbusSans-Bold", "NimbusSans-Italic", "NimbusSans-BoldItalic"})
         QTest::newRow(font) << data + QStringLiteral("/fonts/") + QLatin1String(font);
+    QTest::newRow("print queue backend")
+        << installedPath(QLatin1String(CupsServerBin)) + QStringLiteral("/backend/quillet");
     QTest::newRow("Russian messages")
         << installedPath(QLatin1String(TranslationsDir)) + QStringLiteral("/quillet_ru.qm");
 }
@@ -169,6 +174,23 @@ void TestInstallation::installedProgramMarksExampleJob()
     QCOMPARE(ghostscriptErrors(marked), QString());
 }
 
+void TestInstallation::backendRunsAsRootOnly()
+{
+    // The print server runs a backend as root only when others may not
+    // read and execute it: owner root, mode 0700.
+    const QString backend = m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(CupsServerBin))
+                            + QStringLiteral("/backend/quillet");
+    struct stat info;
+    QCOMPARE(stat(QFile::encodeName(backend).constData(), &info), 0);
+    QCOMPARE(info.st_mode & 07777, mode_t(0700));
+    QCOMPARE(info.st_uid, uid_t(0));
+
+    // Run without arguments it names its device scheme, as "lpinfo -v" shows it.
+    const RunResult listing = runProgram(backend, {});
+    QCOMPARE(listing.exitCode, 0);
+    QVERIFY2(listing.standardOutput.startsWith("network quillet "), listing.standardOutput.constData());
+}
+
 void TestInstallation::fatalMessageFollowsLocale_data()
 {
     QTest::addColumn<QString>("language");
@@ -212,6 +234,13 @@ void TestInstallation::packageMatchesInstallation()
     }
     packaged.sort();
     QCOMPARE(packaged, filesBelow(m_stage.path()));
+
+    // The backend keeps its owner and mode in the package.
+    const QRegularExpression backendEntry(QStringLiteral("^-rwx------ root/root .* \\./%1/backend/quillet$")
+                                              .arg(installedPath(QLatin1String(CupsServerBin))),
+                                          QRegularExpression::MultilineOption);
+    QVERIFY2(backendEntry.match(QString::fromUtf8(contents.standardOutput)).hasMatch(),
+             contents.standardOutput.constData());
 
     // It depends on the Qt core library it was linked with.
     const RunResult fields = runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--field"), deb, QStringLiteral("Depends")});
