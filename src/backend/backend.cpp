@@ -398,11 +398,22 @@ int JobRun::execute()
     if (!looksLikePostScript(document.peek(HeadSize)))
         return refuse(QStringLiteral("the document is not PostScript (raw or binary data cannot be marked)"));
     QFile oneCopy(m_folder.file("document.ps"));
-    if (!oneCopy.open(QIODevice::WriteOnly | QIODevice::Truncate) || !copyAsOneCopy(document, oneCopy) ||
-        !oneCopy.flush() || chown(QFile::encodeName(oneCopy.fileName()).constData(), m_uid, m_gid) != 0)
+    int streamCopies = -1;
+    if (!oneCopy.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+        !copyAsOneCopy(document, oneCopy, &streamCopies) || !oneCopy.flush() ||
+        chown(QFile::encodeName(oneCopy.fileName()).constData(), m_uid, m_gid) != 0)
         return refuse(QStringLiteral("cannot prepare the document for marking"));
     oneCopy.close();
     document.close();
+    // pstops repeats the pages itself for collated copies on a printer
+    // without a Collate option, and for PPDs with manual copies; those
+    // copies could not be numbered.
+    if (streamCopies == 1 && m_job.copies > 1)
+        return refuse(
+            QStringLiteral("the print server's filters repeated the %1 copies in the document "
+                           "(collated copies on a printer without a Collate option): "
+                           "print with -o collate=false or give the queue a PPD with a Collate option")
+                .arg(m_job.copies));
 
     QFile templateFile(m_settings.templateFile);
     if (!templateFile.open(QIODevice::ReadOnly))

@@ -47,8 +47,9 @@ bool looksLikePostScript(const QByteArray& head)
     return rest.startsWith("%!");
 }
 
-bool copyAsOneCopy(QIODevice& input, QIODevice& output)
+bool copyAsOneCopy(QIODevice& input, QIODevice& output, int* streamCopies)
 {
+    *streamCopies = -1;
     bool inCopyRequest = false;
     for (;;) {
         const QByteArray line = input.readLine();
@@ -63,6 +64,8 @@ bool copyAsOneCopy(QIODevice& input, QIODevice& output)
                 continue;
             inCopyRequest = false;
         } else if (line.startsWith(NumCopiesComment)) {
+            if (*streamCopies < 0)
+                *streamCopies = line.mid(int(qstrlen(NumCopiesComment))).trimmed().toInt();
             written = OneCopyComment;
         }
         if (output.write(written) != written.size())

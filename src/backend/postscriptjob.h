@@ -13,8 +13,11 @@ bool looksLikePostScript(const QByteArray& head);
 
 // Copies a PostScript document, replacing the copy count of the print
 // server's "*NumCopies" request (pstops asks the printer for the job's
-// copies) by a request for one copy. Returns false on a read or write error.
-bool copyAsOneCopy(QIODevice& input, QIODevice& output);
+// copies) by a request for one copy. *streamCopies receives the count of
+// pstops's "%RBINumCopies:" comment, the copies it left for the printer
+// to make (1 when pstops repeated the pages itself), or -1 when the
+// document has no such comment. Returns false on a read or write error.
+bool copyAsOneCopy(QIODevice& input, QIODevice& output, int* streamCopies);
 
 // Appends one marked copy to the stream: its first line ("%!..."), the
 // start of an encapsulated copy, the rest of it and the end of the

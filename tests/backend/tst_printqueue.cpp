@@ -200,6 +200,8 @@ void TestPrintQueue::initTestCase()
             QStringLiteral("project=Apollo")});
     submit(QStringLiteral("raw binary"), QStringLiteral("marked"), raw, 0, 1, {QStringLiteral("raw")});
     submit(QStringLiteral("after raw binary"), QStringLiteral("marked"), plain, 2, 1);
+    submit(QStringLiteral("copies made by the filters"), QStringLiteral("marked"), postscript, 0, 2,
+           {QStringLiteral("collate=true")});
     submit(QStringLiteral("no template"), QStringLiteral("bare"), postscript, 0, 1);
     submit(QStringLiteral("wrapped URI"), QStringLiteral("wrapped"), postscript, 0, 1);
     submit(QStringLiteral("unknown scheme"), QStringLiteral("unknown"), postscript, 0, 1);
@@ -349,6 +351,8 @@ void TestPrintQueue::refusedJobSendsNothing_data()
     QTest::addColumn<QString>("job");
     QTest::addColumn<QString>("reason");
     QTest::newRow("raw binary data") << QStringLiteral("raw binary") << QStringLiteral("not PostScript");
+    QTest::newRow("copies repeated by the filters")
+        << QStringLiteral("copies made by the filters") << QStringLiteral("repeated the 2 copies");
     QTest::newRow("queue without template")
         << QStringLiteral("no template") << QStringLiteral("has no template");
     QTest::newRow("device URI wrapping quillet") << QStringLiteral("wrapped URI") << QStringLiteral("wraps");
