@@ -369,6 +369,12 @@ void TestPrintQueue::refusedJobSendsNothing()
     // left to stop the queue.
     QCOMPARE(m_server.jobState(printed.id), JobCanceled);
     QVERIFY2(!captureOf(job), "a refused job reached the printer");
+    const RunResult finished =
+        m_server.admin(QStringLiteral("lpstat"), {QStringLiteral("-W"), QStringLiteral("completed"),
+                                                  QStringLiteral("-o"), printed.queue});
+    QVERIFY2(finished.standardOutput.contains(
+                 QStringLiteral("%1-%2 ").arg(printed.queue).arg(printed.id).toUtf8()),
+             finished.standardOutput.constData());
     if (job == QLatin1String("wrapped URI"))
         QCOMPARE(printer(QStringLiteral("wrapped")).jobs(), QStringList());
 

@@ -100,6 +100,7 @@ void TestInstallation::installedTreeHoldsEveryFile_data()
     QTest::newRow("shipped definitions") << data + QStringLiteral("/quillet/marker.defs");
     for (const char* font : {"NimbusSans-Regular", "NimbusSans-Bold", "NimbusSans-Italic", "NimbusSans-BoldItalic"})
         QTest::newRow(font) << data + QStringLiteral("/fonts/") + QLatin1String(font);
+    QTest::newRow("backend manual page") << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man8/quillet-backend.8"));
     QTest::newRow("print queue backend")
         << installedPath(QLatin1String(CupsServerBin)) + QStringLiteral("/backend/quillet");
     QTest::newRow("Russian messages")
