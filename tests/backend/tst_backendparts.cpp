@@ -1,0 +1,323 @@
+// The backend's parts in process: device URIs, queue settings, the job's
+// variables, the paper size, and the PostScript handling of copies.
+#include "backend/deviceuri.h"
+#include "backend/jobvariables.h"
+#include "backend/pagesize.h"
+#include "backend/postscriptjob.h"
+#include "backend/queuesettings.h"
+#include "support/testsupport.h"
+
+#include <QBuffer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace
+{
+
+const char Ppd[] = "*PPD-Adobe: \"4.3\"\n"
+                   "*DefaultPageSize: Letter\n"
+                   "*PaperDimension Letter/US Letter: \"612 792\"\n"
+                   "*PaperDimension A4/A4: \"595 842\"\n"
+                   "*PaperDimension Legal/US Legal: \"612 1008\"\n";
+
+QMap<QString, QString> variablesOf(const QByteArray& bytes)
+{
+    return parseKeyValues(bytes);
+}
+
+} // namespace
+
+class TestBackendParts : public QObject
+{
+    Q_OBJECT
+
+  private slots:
+    void deviceUri_data();
+    void deviceUri();
+    void queueSettings();
+    void jobVariablesOrder_data();
+    void jobVariablesOrder();
+    void valuesLoseLineBreaks();
+    void paperSize_data();
+    void paperSize();
+    void postScriptHead_data();
+    void postScriptHead();
+    void copyRequestTakenBackToOne_data();
+    void copyRequestTakenBackToOne();
+    void copiesAreEncapsulated();
+};
+
+void TestBackendParts::deviceUri_data()
+{
+    QTest::addColumn<QString>("uri");
+    QTest::addColumn<QString>("realUri");
+    QTest::addColumn<QString>("scheme");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("socket") << "quillet:socket://printer:9100"
+                            << "socket://printer:9100"
+                            << "socket" << QString();
+    QTest::newRow("ipp with path") << "quillet:ipp://printer/ipp/print"
+                                   << "ipp://printer/ipp/print"
+                                   << "ipp" << QString();
+    QTest::newRow("not quillet") << "socket://printer:9100" << QString() << QString()
+                                 << "does not start with";
+    QTest::newRow("nothing after the prefix")
+        << "quillet:" << QString() << QString() << "names no real printer";
+    QTest::newRow("path instead of a scheme")
+        << "quillet:/dev/lp0" << QString() << QString() << "names no real printer";
+    QTest::newRow("wraps itself") << "quillet:quillet:socket://p" << QString() << QString() << "wraps";
+    QTest::newRow("wraps itself in capitals")
+        << "quillet:QUILLET:socket://p" << QString() << QString() << "wraps";
+}
+
+void TestBackendParts::deviceUri()
+{
+    QFETCH(QString, uri);
+    QFETCH(QString, realUri);
+    QFETCH(QString, scheme);
+    QFETCH(QString, error);
+    const RealDevice device = realDevice(uri);
+    if (error.isEmpty()) {
+        QCOMPARE(device.error, QString());
+        QCOMPARE(device.uri, realUri);
+        QCOMPARE(device.scheme, scheme);
+    } else {
+        QVERIFY2(device.error.contains(error), qPrintable(device.error));
+    }
+}
+
+void TestBackendParts::queueSettings()
+{
+    QTemporaryDir root;
+    writeFile(root.filePath("quillet/default.tmpl"), "any:normal:9::a:top-left:A\n");
+    writeFile(root.filePath("quillet/default.vars"), "LABEL_NAME=DEFAULT\n");
+    writeFile(root.filePath("quillet/secure.vars"),
+              "# comment\nLABEL_NAME=SECRET\nMarkerJobOptions=project, cost\n"
+              "MarkerDuplexBackPages=1\nMarkerUser=root\n\nlevel=a=b\n");
+    writeFile(root.filePath("cups-files.conf"), "User printing\nGroup printers\nLogLevel warn\n");
+
+    // The queue's own variables, the default template.
+    const QueueSettings secure = readQueueSettings(root.path(), QStringLiteral("secure"));
+    QCOMPARE(secure.error, QString());
+    QCOMPARE(secure.templateFile, root.filePath("quillet/default.tmpl"));
+    QCOMPARE(secure.jobOptions, QStringList({"project", "cost"}));
+    QVERIFY(secure.duplexBackPages);
+    QCOMPARE(secure.markingUser, QStringLiteral("root"));
+    const KeyValueList expected = {{"LABEL_NAME", "SECRET"}, {"level", "a=b"}};
+    QCOMPARE(secure.variables, expected);
+
+    // Another queue falls back to the default files.
+    const QueueSettings other = readQueueSettings(root.path(), QStringLiteral("other"));
+    QCOMPARE(other.variables, KeyValueList({{"LABEL_NAME", "DEFAULT"}}));
+    QVERIFY(!other.duplexBackPages);
+
+    // A queue name cannot leave the folder.
+    QVERIFY(!readQueueSettings(root.path(), QStringLiteral("../secure")).error.isEmpty());
+
+    // Without a template file the queue has none.
+    QVERIFY(QFile::remove(root.filePath("quillet/default.tmpl")));
+    QCOMPARE(readQueueSettings(root.path(), QStringLiteral("secure")).templateFile, QString());
+
+    const ServerAccount account = readServerAccount(root.path());
+    QCOMPARE(account.user, QStringLiteral("printing"));
+    QCOMPARE(account.group, QStringLiteral("printers"));
+    QCOMPARE(readServerAccount(root.filePath("missing")).user, QStringLiteral("lp"));
+}
+
+void TestBackendParts::jobVariablesOrder_data()
+{
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("user from the print server") << "job-originating-user-name=someone"
+                                                << "job-originating-user-name"
+                                                << "ivanov";
+    QTest::newRow("copy number from the backend") << "CURRENT_COPY=9 copies=9"
+                                                  << "CURRENT_COPY"
+                                                  << "2";
+    QTest::newRow("copies from the backend") << "copies=9"
+                                             << "copies"
+                                             << "3";
+    QTest::newRow("page count cannot be preset") << "NUM_PAGES=1"
+                                                 << "NUM_PAGES" << QString();
+    QTest::newRow("allowed option reaches the variables") << "project=Apollo"
+                                                          << "project"
+                                                          << "Apollo";
+    QTest::newRow("option not allowed is ignored") << "cost=1"
+                                                   << "cost" << QString();
+    QTest::newRow("administrator's value wins over an allowed option") << "LABEL_NAME=FORGED"
+                                                                       << "LABEL_NAME"
+                                                                       << "SECRET";
+    QTest::newRow("paper size from the job facts") << "PAGE_FORMAT=A3"
+                                                   << "PAGE_FORMAT"
+                                                   << "Letter";
+}
+
+void TestBackendParts::jobVariablesOrder()
+{
+    QFETCH(QString, options);
+    QFETCH(QString, key);
+    QFETCH(QString, expected);
+    JobFacts job;
+    job.jobId = "12";
+    job.user = "ivanov";
+    job.title = "report";
+    job.printer = "secure";
+    job.copies = 3;
+    job.pageFormat = "Letter";
+    job.deviceWidth = "612";
+    job.deviceHeight = "792";
+    job.options = parseJobOptions(options.toUtf8());
+    QueueSettings queue;
+    // Listing a key that the backend sets does not let a user set it.
+    queue.jobOptions =
+        QStringList{"project",   "LABEL_NAME", "job-originating-user-name", "copies", "CURRENT_COPY",
+                    "NUM_PAGES", "PAGE_FORMAT"};
+    queue.variables = {{"LABEL_NAME", "SECRET"}};
+    const QMap<QString, QString> values = variablesOf(jobVariables(job, queue, 2));
+    QCOMPARE(values.value(key), expected);
+    QCOMPARE(values.value("job-id"), QStringLiteral("12"));
+    QCOMPARE(values.value("DEVICEWIDTH"), QStringLiteral("612"));
+    QCOMPARE(values.value("LANDSCAPE"), QStringLiteral("0"));
+}
+
+void TestBackendParts::valuesLoseLineBreaks()
+{
+    JobFacts job;
+    job.user = QStringLiteral("ivanov\nLABEL_NAME=FORGED");
+    job.title = QStringLiteral("a\r\ntitle") + QChar(0) + QStringLiteral("end");
+    QueueSettings queue;
+    const QByteArray bytes = jobVariables(job, queue, 1);
+    QVERIFY(!bytes.contains('\r'));
+    QVERIFY(!bytes.contains('\0'));
+    const QMap<QString, QString> values = variablesOf(bytes);
+    QCOMPARE(values.value("job-originating-user-name"), QStringLiteral("ivanovLABEL_NAME=FORGED"));
+    QCOMPARE(values.value("job-name"), QStringLiteral("atitleend"));
+    QVERIFY(!values.contains("LABEL_NAME"));
+}
+
+void TestBackendParts::paperSize_data()
+{
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("width");
+    QTest::addColumn<QString>("height");
+    QTest::newRow("PPD default") << QString() << "Letter"
+                                 << "612"
+                                 << "792";
+    QTest::newRow("PageSize option") << "PageSize=A4"
+                                     << "A4"
+                                     << "595"
+                                     << "842";
+    QTest::newRow("media with a PPD name, any case") << "media=legal"
+                                                     << "Legal"
+                                                     << "612"
+                                                     << "1008";
+    QTest::newRow("media with a PWG name") << "media=iso_a4_210x297mm"
+                                           << "A4"
+                                           << "595"
+                                           << "842";
+    QTest::newRow("media list with a tray first") << "media=Tray1,A4"
+                                                  << "A4"
+                                                  << "595"
+                                                  << "842";
+    QTest::newRow("size the PPD lacks, from the PWG table") << "media=iso_a3_297x420mm"
+                                                            << "A3"
+                                                            << "842"
+                                                            << "1191";
+}
+
+void TestBackendParts::paperSize()
+{
+    QFETCH(QString, options);
+    QFETCH(QString, name);
+    QFETCH(QString, width);
+    QFETCH(QString, height);
+    const PaperSize size = jobPaperSize(Ppd, parseJobOptions(options.toUtf8()));
+    QCOMPARE(size.name, name);
+    QCOMPARE(size.width, width);
+    QCOMPARE(size.height, height);
+}
+
+void TestBackendParts::postScriptHead_data()
+{
+    QTest::addColumn<QByteArray>("head");
+    QTest::addColumn<bool>("postScript");
+    QTest::newRow("DSC PostScript") << QByteArray("%!PS-Adobe-3.0\n") << true;
+    QTest::newRow("after an end-of-job byte") << QByteArray("\004%!PS\n") << true;
+    QTest::newRow("PDF") << QByteArray("%PDF-1.7\n") << false;
+    QTest::newRow("PCL") << QByteArray("\033E\033&l0O") << false;
+    QTest::newRow("PJL then PostScript") << QByteArray("\033%-12345X@PJL\n%!PS") << false;
+    QTest::newRow("empty") << QByteArray() << false;
+}
+
+void TestBackendParts::postScriptHead()
+{
+    QFETCH(QByteArray, head);
+    QFETCH(bool, postScript);
+    QCOMPARE(looksLikePostScript(head), postScript);
+}
+
+void TestBackendParts::copyRequestTakenBackToOne_data()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<int>("streamCopies");
+    const QByteArray oneCopy = "%RBIBeginNonPPDFeature: *NumCopies 1\n"
+                               "1/languagelevel where{pop languagelevel 2 ge}{false}ifelse\n"
+                               "{1 dict begin/NumCopies exch def currentdict end setpagedevice}\n"
+                               "{userdict/#copies 3 -1 roll put}ifelse\n"
+                               "%RBIEndNonPPDFeature\n";
+    QTest::newRow("pstops asks the printer for 3 copies")
+        << QByteArray("%!PS-Adobe-3.0\n%RBINumCopies: 3\n%%EndComments\n%%BeginSetup\n"
+                      "%RBIBeginNonPPDFeature: *NumCopies 3\n"
+                      "3/languagelevel where{pop languagelevel 2 ge}{false}ifelse\n"
+                      "{1 dict begin/NumCopies exch def currentdict end setpagedevice}\n"
+                      "{userdict/#copies 3 -1 roll put}ifelse\n"
+                      "%RBIEndNonPPDFeature\n%%EndSetup\n")
+        << "%!PS-Adobe-3.0\n%RBINumCopies: 1\n%%EndComments\n%%BeginSetup\n" + oneCopy + "%%EndSetup\n"
+        << 3;
+    QTest::newRow("pstops repeated the pages itself")
+        << QByteArray("%!PS-Adobe-3.0\n%RBINumCopies: 1\n%%EndComments\n")
+        << QByteArray("%!PS-Adobe-3.0\n%RBINumCopies: 1\n%%EndComments\n") << 1;
+    QTest::newRow("document not from pstops") << minimalDocument(2) << minimalDocument(2) << -1;
+}
+
+void TestBackendParts::copyRequestTakenBackToOne()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(QByteArray, expected);
+    QFETCH(int, streamCopies);
+    QBuffer in(&input);
+    QVERIFY(in.open(QIODevice::ReadOnly));
+    QByteArray output;
+    QBuffer out(&output);
+    QVERIFY(out.open(QIODevice::WriteOnly));
+    int copies = 0;
+    QVERIFY(copyAsOneCopy(in, out, &copies));
+    QCOMPARE(output, expected);
+    QCOMPARE(copies, streamCopies);
+}
+
+void TestBackendParts::copiesAreEncapsulated()
+{
+    QByteArray stream;
+    QBuffer out(&stream);
+    QVERIFY(out.open(QIODevice::WriteOnly));
+    for (int copy = 0; copy < 2; ++copy) {
+        QByteArray document = minimalDocument(1);
+        QBuffer in(&document);
+        QVERIFY(in.open(QIODevice::ReadOnly));
+        QVERIFY(appendMarkedCopy(in, out));
+    }
+    // Each copy keeps "%!" as its first line and runs between a save and
+    // its restore.
+    QVERIFY(stream.startsWith("%!PS-Adobe-3.0\nuserdict /quilletCopyState save put\n%%Pages: 1\n"));
+    QCOMPARE(stream.count("%!PS-Adobe-3.0\nuserdict /quilletCopyState save put\n"), 2);
+    QCOMPARE(stream.count("userdict /quilletCopyState get restore\n"), 2);
+    QVERIFY(stream.endsWith("%%EOF\n\nclear { countdictstack 3 le { exit } if end } loop\n"
+                            "userdict /quilletCopyState get restore\n"));
+}
+
+QTEST_GUILESS_MAIN(TestBackendParts)
+#include "tst_backendparts.moc"
