@@ -1,0 +1,223 @@
+// The backend run directly, as the print server runs it, inside the sandbox:
+// what the real backend gets, a failing real backend, a job cancelled while
+// it is marked, and the work folder removed on every exit.
+#include "common/paths.h"
+#include "support/testsupport.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QtTest>
+
+#include <sys/stat.h>
+
+namespace
+{
+
+// A stand-in for a real backend: keeps its arguments, its device URI and the
+// stream, and ends with FAKE_STATUS.
+const char FakeBackend[] = "#!/bin/sh\n"
+                           "printf '%s\\n' \"$@\" > \"$FAKE_OUT/args\"\n"
+                           "printf '%s\\n' \"$DEVICE_URI\" > \"$FAKE_OUT/uri\"\n"
+                           "cat > \"$FAKE_OUT/data\"\n"
+                           "exit \"${FAKE_STATUS:-0}\"\n";
+
+const char Template[] = "any:normal:9::user:top-left:User {job-originating-user-name}\n"
+                        "any:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n";
+
+// A marker string whose site program outlives the test's patience: the
+// marking is still running when the job is cancelled.
+const char SlowTemplate[] = "any:normal:9::slow:top-left:{SCRIPT:/bin/sleep 47.25}\n";
+const char SlowProgram[] = "sleep\00047.25";
+
+// The print server's side of one backend run.
+class BackendRig
+{
+  public:
+    BackendRig()
+    {
+        chmod(QFile::encodeName(m_dir.path()).constData(), 0755);
+        for (const char* folder : {"etc/quillet", "bin/backend", "tmp", "out", "quillet-bin"})
+            QDir(m_dir.path()).mkpath(QLatin1String(folder));
+        writeFile(m_dir.filePath("etc/cups-files.conf"), "User lp\nGroup lp\n");
+        writeFile(m_dir.filePath("bin/backend/fake"), FakeBackend);
+        chmod(QFile::encodeName(m_dir.filePath("bin/backend/fake")).constData(), 0700);
+        QFile::link(quilletExecutable(), m_dir.filePath("quillet-bin/") +
+                                             QFileInfo(QLatin1String(QuilletExecutablePath)).fileName());
+        m_tree.installCatalogue();
+        writeFile(m_dir.filePath("job.ps"), minimalDocument(2));
+    }
+
+    void setTemplate(const QByteArray& content) const
+    {
+        writeFile(m_dir.filePath("etc/quillet/q.tmpl"), content);
+    }
+    QString path(const QString& relative) const { return m_dir.filePath(relative); }
+
+    // The sandbox command line that runs `program` with quillet and its
+    // catalogue at their installed paths.
+    QStringList sandboxArguments(const QStringList& command) const
+    {
+        return QStringList{QStringLiteral("--bind"),
+                           m_tree.shareCups(),
+                           QLatin1String(CupsDataDir),
+                           QStringLiteral("--bind"),
+                           m_tree.etcCups(),
+                           QLatin1String(CupsServerRoot),
+                           QStringLiteral("--bind"),
+                           m_dir.filePath("quillet-bin"),
+                           QFileInfo(QLatin1String(QuilletExecutablePath)).path(),
+                           QStringLiteral("--")} +
+               command;
+    }
+
+    // The environment that the print server gives a backend.
+    QStringList environment(int fakeStatus = 0) const
+    {
+        return {QStringLiteral("DEVICE_URI=quillet:fake://printer"),
+                QStringLiteral("PRINTER=q"),
+                QStringLiteral("CUPS_SERVERROOT=") + m_dir.filePath("etc"),
+                QStringLiteral("CUPS_SERVERBIN=") + m_dir.filePath("bin"),
+                QStringLiteral("TMPDIR=") + m_dir.filePath("tmp"),
+                QStringLiteral("FAKE_OUT=") + m_dir.filePath("out"),
+                QStringLiteral("FAKE_STATUS=%1").arg(fakeStatus)};
+    }
+
+    RunResult run(const QStringList& arguments, int fakeStatus = 0) const
+    {
+        return runProgram(QStringLiteral(QUILLET_SANDBOX),
+                          sandboxArguments(QStringList{QStringLiteral(QUILLET_BACKEND)} + arguments),
+                          environment(fakeStatus));
+    }
+
+    // What is left in the backend's temporary folder.
+    QStringList leftovers() const
+    {
+        return QDir(m_dir.filePath("tmp")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    }
+
+  private:
+    QTemporaryDir m_dir;
+    FixtureTree m_tree;
+};
+
+QStringList jobArguments(const QString& file, const QString& copies = QStringLiteral("2"))
+{
+    return {QStringLiteral("7"),
+            QStringLiteral("ivanov"),
+            QStringLiteral("report"),
+            copies,
+            QStringLiteral("finishings=3"),
+            file};
+}
+
+// Whether a process with this command line (arguments joined by NUL) runs.
+bool processRunning(const QByteArray& commandLine)
+{
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        if (entry.toInt() > 0 &&
+            readFile(QStringLiteral("/proc/%1/cmdline").arg(entry)).contains(commandLine))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+class TestBackendRun : public QObject
+{
+    Q_OBJECT
+
+  private slots:
+    void realBackendGetsOneStreamOfMarkedCopies();
+    void realBackendFailureIsPassedOn();
+    void refusedJobLeavesNothing();
+    void cancelledWhileMarking();
+    void wrongCommandLine();
+};
+
+void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
+{
+    BackendRig rig;
+    rig.setTemplate(Template);
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
+    QVERIFY2(run.exitCode == 0, run.standardError.constData());
+
+    // As the print server would start it: the real URI in DEVICE_URI, one
+    // copy, the job's options, the stream on standard input. (A script does
+    // not see its argv[0].)
+    QCOMPARE(readFile(rig.path("out/args")), QByteArray("7\nivanov\nreport\n1\nfinishings=3\n"));
+    QCOMPARE(readFile(rig.path("out/uri")), QByteArray("fake://printer\n"));
+    const QByteArray stream = readFile(rig.path("out/data"));
+    QVERIFY(stream.startsWith("%!PS-Adobe-3.0\n"));
+    QCOMPARE(stream.count("%%Page: "), 4);
+    QCOMPARE(stream.count("userdict /quilletCopyState save put\n"), 2);
+    QVERIFY(run.standardError.contains("\nPAGE: total 4\n"));
+    QVERIFY(run.standardError.contains("ATTR: job-impressions=4\n"));
+    QVERIFY2(
+        run.standardError.contains("NOTICE: quillet audit: job=7 user=\"ivanov\" queue=q label=\"\" pages=2 "
+                                   "copies=2 sent=4 outcome=marked-and-sent\n"),
+        run.standardError.constData());
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::realBackendFailureIsPassedOn()
+{
+    BackendRig rig;
+    rig.setTemplate(Template);
+    // CUPS_BACKEND_STOP from the real backend stays CUPS_BACKEND_STOP.
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps")), 4);
+    QCOMPARE(run.exitCode, 4);
+    QVERIFY2(run.standardError.contains("outcome=device-failed status=4\n"), run.standardError.constData());
+    QVERIFY(!run.standardError.contains("PAGE: total 4"));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::refusedJobLeavesNothing()
+{
+    BackendRig rig;
+    rig.setTemplate(Template);
+    writeFile(rig.path("job.pcl"), "\033E\033&l0O binary");
+    const RunResult run = rig.run(jobArguments(rig.path("job.pcl")));
+    QCOMPARE(run.exitCode, 5);
+    QVERIFY2(run.standardError.startsWith(
+                 "ERROR: quillet: job 7 on q refused, nothing printed: the document is not "
+                 "PostScript"),
+             run.standardError.constData());
+    QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::cancelledWhileMarking()
+{
+    BackendRig rig;
+    rig.setTemplate(SlowTemplate);
+    // The print server cancels the job a second into the marking.
+    const QString script =
+        QStringLiteral("\"$0\" \"$@\" & pid=$!; sleep 1; kill -TERM $pid; wait $pid; echo status=$?");
+    QStringList command = {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script,
+                           QStringLiteral(QUILLET_BACKEND)};
+    command += jobArguments(rig.path("job.ps"), QStringLiteral("1"));
+    QElapsedTimer timer;
+    timer.start();
+    const RunResult run =
+        runProgram(QStringLiteral(QUILLET_SANDBOX), rig.sandboxArguments(command), rig.environment());
+    // Ended at once, not after the site program's four seconds.
+    QVERIFY2(timer.elapsed() < 3500, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY2(run.standardOutput.contains("status=5\n"), run.standardOutput + run.standardError);
+    QVERIFY2(run.standardError.contains("outcome=cancelled\n"), run.standardError.constData());
+    QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
+    QVERIFY(!processRunning(QByteArray(SlowProgram, sizeof SlowProgram - 1)));
+}
+
+void TestBackendRun::wrongCommandLine()
+{
+    BackendRig rig;
+    const RunResult run = rig.run({QStringLiteral("7"), QStringLiteral("ivanov")});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.standardError.contains("Usage: "), run.standardError.constData());
+}
+
+QTEST_GUILESS_MAIN(TestBackendRun)
+#include "tst_backendrun.moc"
