@@ -59,7 +59,11 @@ void message(const QString& line)
     std::fflush(stderr);
 }
 
-// A private folder for the job's files, removed when the run ends.
+// The job's private folders, removed when the run ends: a folder only root
+// may list (mode 0711) for what the backend keeps to itself (the received
+// document, quillet's messages, the stream), and in it a folder owned by the
+// marking account (mode 0700) for what quillet reads and writes. The backend
+// writes into and reads from the marking folder without following links.
 class WorkFolder
 {
   public:
@@ -69,24 +73,43 @@ class WorkFolder
             QDir(m_path).removeRecursively();
     }
 
-    // Creates the folder (mode 0700) below `parent`, owned by the account
-    // that marks; false with errno set on failure.
+    // Creates the folders below `parent`; false with errno set on failure.
     bool create(const QString& parent, uid_t uid, gid_t gid)
     {
         QByteArray pattern = QFile::encodeName(parent) + "/quillet-XXXXXX";
         if (!mkdtemp(pattern.data()))
             return false;
         m_path = QFile::decodeName(pattern);
-        return chown(pattern.constData(), uid, gid) == 0;
+        const QByteArray marking = pattern + "/marking";
+        return chmod(pattern.constData(), 0711) == 0 && mkdir(marking.constData(), 0700) == 0 &&
+               chown(marking.constData(), uid, gid) == 0;
     }
 
-    QString file(const char* name) const { return m_path + QLatin1Char('/') + QLatin1String(name); }
-    QString path() const { return m_path; }
+    // A file of the backend's own.
+    QString file(const QString& name) const { return m_path + QLatin1Char('/') + name; }
+    // A file of the marking folder.
+    QString marking(const QString& name) const { return m_path + QStringLiteral("/marking/") + name; }
+    QString markingPath() const { return m_path + QStringLiteral("/marking"); }
 
   private:
     QString m_path;
 };
 
+// Opens a regular file of the marking folder for reading, without following
+// a link that the marking account may have put in its place.
+bool openMarkingFile(QFile& file, const QString& path)
+{
+    const int fd = open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        if (fd >= 0)
+            close(fd);
+        return false;
+    }
+    return file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
+}
+
+// One job from the backend's arguments and environment to its exit status.
 class JobRun
 {
   public:
@@ -102,6 +125,8 @@ class JobRun
 
     bool resolveAccount(QString* error);
     bool receiveDocument(const QString& target, QString* error);
+    // Creates a file in the marking folder, owned by the marking account.
+    bool createForMarking(QFile& file, const QString& path);
     bool writeForMarking(const QString& path, const QByteArray& content);
     bool markCopy(int copy, QString* error);
     bool buildStream(QString* error);
@@ -214,21 +239,32 @@ bool JobRun::receiveDocument(const QString& target, QString* error)
     return ok && output.flush();
 }
 
+bool JobRun::createForMarking(QFile& file, const QString& path)
+{
+    // A new file only: nothing the marking account left there is followed.
+    const int fd =
+        open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return false;
+    if (fchown(fd, m_uid, m_gid) != 0) {
+        close(fd);
+        return false;
+    }
+    return file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle);
+}
+
 bool JobRun::writeForMarking(const QString& path, const QByteArray& content)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
-        return false;
-    file.close();
-    return chown(QFile::encodeName(path).constData(), m_uid, m_gid) == 0;
+    QFile file;
+    return createForMarking(file, path) && file.write(content) == content.size() && file.flush();
 }
 
 bool JobRun::markCopy(int copy, QString* error)
 {
     const QString number = QString::number(copy);
-    const QString variables = m_folder.path() + QStringLiteral("/copy-%1.vars").arg(number);
-    const QString output = m_folder.path() + QStringLiteral("/copy-%1.ps").arg(number);
-    const QString errors = m_folder.path() + QStringLiteral("/copy-%1.err").arg(number);
+    const QString variables = m_folder.marking(QStringLiteral("copy-%1.vars").arg(number));
+    const QString output = m_folder.marking(QStringLiteral("copy-%1.ps").arg(number));
+    const QString errors = m_folder.file(QStringLiteral("copy-%1.err").arg(number));
     if (!writeForMarking(variables, jobVariables(m_job, m_settings, copy))) {
         *error = QStringLiteral("cannot write the variables of copy %1").arg(copy);
         return false;
@@ -239,17 +275,17 @@ bool JobRun::markCopy(int copy, QString* error)
     command.arguments << command.program;
     if (m_settings.duplexBackPages)
         command.arguments << "--duplex";
-    command.arguments << QFile::encodeName(m_folder.file("document.ps"))
-                      << QFile::encodeName(m_folder.file("marker.tmpl")) << QFile::encodeName(variables)
-                      << QFile::encodeName(output);
-    const QByteArray home = QFile::encodeName(m_folder.path());
+    command.arguments << QFile::encodeName(m_folder.marking(QStringLiteral("document.ps")))
+                      << QFile::encodeName(m_folder.marking(QStringLiteral("marker.tmpl")))
+                      << QFile::encodeName(variables) << QFile::encodeName(output);
+    const QByteArray home = QFile::encodeName(m_folder.markingPath());
     command.environment << "PATH=" + qgetenv("PATH") << "LANG=" + qgetenv("LANG") << "LC_CTYPE=C.UTF-8"
                         << "HOME=" + home << "TMPDIR=" + home << "KRB5CCNAME=FILE:" + home + "/krb5cc"
                         << "USER=" + m_account.toLocal8Bit() << "LOGNAME=" + m_account.toLocal8Bit();
     command.changeAccount = true;
     command.uid = m_uid;
     command.gid = m_gid;
-    command.standardOutputFile = QFile::encodeName(m_folder.file("quillet.out"));
+    command.standardOutputFile = QFile::encodeName(m_folder.file(QStringLiteral("quillet.out")));
     command.standardErrorFile = QFile::encodeName(errors);
 
     const ChildResult result = runChild(command);
@@ -279,15 +315,17 @@ bool JobRun::markCopy(int copy, QString* error)
         return false;
     }
 
-    QFile used(variables);
+    QFile used;
     const KeyValueList values =
-        used.open(QIODevice::ReadOnly) ? parseKeyValueLines(used.readAll()) : KeyValueList();
+        openMarkingFile(used, variables) ? parseKeyValueLines(used.readAll()) : KeyValueList();
+    QFile marked;
+    const bool haveOutput = openMarkingFile(marked, output) && marked.size() > 0;
     qint64 pages = 0;
     for (const auto& pair : values) {
         if (pair.first == QLatin1String("NUM_PAGES"))
             pages = pair.second.toLongLong();
     }
-    if (pages <= 0 || QFileInfo(output).size() <= 0) {
+    if (pages <= 0 || !haveOutput) {
         *error = QStringLiteral("quillet left no marked pages for copy %1").arg(copy);
         return false;
     }
@@ -300,14 +338,15 @@ bool JobRun::markCopy(int copy, QString* error)
 
 bool JobRun::buildStream(QString* error)
 {
-    QFile stream(m_folder.file("stream.ps"));
+    QFile stream(m_folder.file(QStringLiteral("stream.ps")));
     if (!stream.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         *error = QStringLiteral("cannot write the marked stream");
         return false;
     }
     for (int copy = 1; copy <= m_job.copies; ++copy) {
-        QFile marked(m_folder.path() + QStringLiteral("/copy-%1.ps").arg(copy));
-        if (!marked.open(QIODevice::ReadOnly) || !appendMarkedCopy(marked, stream)) {
+        QFile marked;
+        if (!openMarkingFile(marked, m_folder.marking(QStringLiteral("copy-%1.ps").arg(copy))) ||
+            !appendMarkedCopy(marked, stream)) {
             *error = QStringLiteral("cannot join marked copy %1 to the stream").arg(copy);
             return false;
         }
@@ -389,7 +428,7 @@ int JobRun::execute()
                           .arg(temporary, QString::fromLocal8Bit(std::strerror(errno))));
 
     // The document as the print server's filters left it.
-    const QString received = m_folder.file("job.data");
+    const QString received = m_folder.file(QStringLiteral("job.data"));
     if (!receiveDocument(received, &error))
         return cancelRequested() ? cancelled() : refuse(error);
     QFile document(received);
@@ -397,11 +436,10 @@ int JobRun::execute()
         return refuse(QStringLiteral("cannot read the received document"));
     if (!looksLikePostScript(document.peek(HeadSize)))
         return refuse(QStringLiteral("the document is not PostScript (raw or binary data cannot be marked)"));
-    QFile oneCopy(m_folder.file("document.ps"));
+    QFile oneCopy;
     int streamCopies = -1;
-    if (!oneCopy.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-        !copyAsOneCopy(document, oneCopy, &streamCopies) || !oneCopy.flush() ||
-        chown(QFile::encodeName(oneCopy.fileName()).constData(), m_uid, m_gid) != 0)
+    if (!createForMarking(oneCopy, m_folder.marking(QStringLiteral("document.ps"))) ||
+        !copyAsOneCopy(document, oneCopy, &streamCopies) || !oneCopy.flush())
         return refuse(QStringLiteral("cannot prepare the document for marking"));
     oneCopy.close();
     document.close();
@@ -418,7 +456,7 @@ int JobRun::execute()
     QFile templateFile(m_settings.templateFile);
     if (!templateFile.open(QIODevice::ReadOnly))
         return refuse(QStringLiteral("cannot read the template %1").arg(m_settings.templateFile));
-    if (!writeForMarking(m_folder.file("marker.tmpl"), templateFile.readAll()))
+    if (!writeForMarking(m_folder.marking(QStringLiteral("marker.tmpl")), templateFile.readAll()))
         return refuse(QStringLiteral("cannot copy the template for marking"));
 
     QFile ppd(environmentValue("PPD"));
@@ -439,7 +477,8 @@ int JobRun::execute()
     if (cancelRequested())
         return cancelled();
 
-    const int stream = open(QFile::encodeName(m_folder.file("stream.ps")).constData(), O_RDONLY | O_CLOEXEC);
+    const int stream =
+        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
     if (stream < 0)
         return refuse(QStringLiteral("cannot read the marked stream"));
     const qint64 pagesPerCopy = m_settings.duplexBackPages ? 2 * m_pages : m_pages;
