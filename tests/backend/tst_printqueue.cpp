@@ -45,6 +45,10 @@ struct PrintedJob {
     // must be refused.
     int pages = 0;
     int copies = 1;
+    // Sheets per document page: 2 with back pages.
+    int sides = 1;
+
+    int impressions() const { return pages * copies * sides; }
 };
 
 // What reached a printer in one connection, read back.
@@ -78,6 +82,7 @@ class TestPrintQueue : public QObject
     void backendSchemeIsListed();
     void everyCopyIsMarked_data();
     void everyCopyIsMarked();
+    void duplexBackPagesCarryTheMarks();
     void forgedOptionsChangeNothing();
     void refusedJobSendsNothing_data();
     void refusedJobSendsNothing();
@@ -93,7 +98,7 @@ class TestPrintQueue : public QObject
     StandInPrinter& printer(const QString& queue);
     void addQueue(const QString& queue, const QString& uri);
     int submit(const QString& name, const QString& queue, const QString& file, int pages, int copies,
-               const QStringList& options = {});
+               const QStringList& options = {}, int sides = 1);
     void readCaptures();
     const Capture* captureOf(const QString& name) const;
     QStringList jobLogLines(int id) const;
@@ -126,7 +131,7 @@ void TestPrintQueue::addQueue(const QString& queue, const QString& uri)
 }
 
 int TestPrintQueue::submit(const QString& name, const QString& queue, const QString& file, int pages,
-                           int copies, const QStringList& options)
+                           int copies, const QStringList& options, int sides)
 {
     QStringList arguments = {QStringLiteral("-d"),   queue, QStringLiteral("-t"), name, QStringLiteral("-n"),
                              QString::number(copies)};
@@ -137,7 +142,7 @@ int TestPrintQueue::submit(const QString& name, const QString& queue, const QStr
     const int id = m_server.print(arguments, &error);
     if (id <= 0)
         qWarning("%s", qPrintable(error));
-    m_jobs.insert(name, {queue, id, pages, copies});
+    m_jobs.insert(name, {queue, id, pages, copies, sides});
     return id;
 }
 
@@ -156,11 +161,16 @@ void TestPrintQueue::initTestCase()
     m_server.writeConfig(QStringLiteral("quillet/marked.tmpl"), QueueTemplate);
     m_server.writeConfig(QStringLiteral("quillet/marked.vars"), QueueVariables);
     m_server.writeConfig(QStringLiteral("quillet/bare.vars"), QueueVariables);
+    m_server.writeConfig(QStringLiteral("quillet/duplex.tmpl"), QueueTemplate);
+    m_server.writeConfig(QStringLiteral("quillet/duplex.vars"),
+                         QByteArray(QueueVariables) + "MarkerDuplexBackPages=1\n");
 
     QString error;
     QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
     addQueue(QStringLiteral("marked"),
              QStringLiteral("quillet:") + printer(QStringLiteral("marked")).socketUri());
+    addQueue(QStringLiteral("duplex"),
+             QStringLiteral("quillet:") + printer(QStringLiteral("duplex")).socketUri());
     addQueue(QStringLiteral("bare"),
              QStringLiteral("quillet:") + printer(QStringLiteral("bare")).socketUri());
     addQueue(QStringLiteral("wrapped"),
@@ -203,6 +213,7 @@ void TestPrintQueue::initTestCase()
     submit(QStringLiteral("copies made by the filters"), QStringLiteral("marked"), postscript, 0, 2,
            {QStringLiteral("collate=true")});
     submit(QStringLiteral("no template"), QStringLiteral("bare"), postscript, 0, 1);
+    submit(QStringLiteral("duplex"), QStringLiteral("duplex"), postscript, 3, 2, {}, 2);
     submit(QStringLiteral("wrapped URI"), QStringLiteral("wrapped"), postscript, 0, 1);
     submit(QStringLiteral("unknown scheme"), QStringLiteral("unknown"), postscript, 0, 1);
     QList<int> ids;
@@ -241,9 +252,14 @@ void TestPrintQueue::readCaptures()
                 capture.pageTexts = pdfPageTexts(capture.pdf);
             else
                 qWarning("%s: %s", qPrintable(file), qPrintable(error));
-            if (!capture.pageTexts.isEmpty()) {
-                const QRegularExpressionMatch match = jobPattern.match(capture.pageTexts.first());
-                capture.jobId = match.hasMatch() ? match.captured(1).toInt() : 0;
+            // The first marked page names the job (with back pages the
+            // first page is the document's own).
+            for (const QString& page : qAsConst(capture.pageTexts)) {
+                const QRegularExpressionMatch match = jobPattern.match(page);
+                if (match.hasMatch()) {
+                    capture.jobId = match.captured(1).toInt();
+                    break;
+                }
             }
             m_captures.append(capture);
         }
@@ -328,6 +344,29 @@ void TestPrintQueue::everyCopyIsMarked()
     QCOMPARE(pages.size(), printed.pages * printed.copies);
 }
 
+void TestPrintQueue::duplexBackPagesCarryTheMarks()
+{
+    const PrintedJob printed = m_jobs.value(QStringLiteral("duplex"));
+    QCOMPARE(m_server.jobState(printed.id), JobCompleted);
+    const Capture* capture = captureOf(QStringLiteral("duplex"));
+    QVERIFY2(capture, "nothing from the job with back pages reached the printer");
+    // Every document page is followed by a back page with its marks.
+    QCOMPARE(capture->pageTexts.size(), printed.impressions());
+    for (int sheet = 0; sheet < capture->pageTexts.size(); sheet += 2) {
+        const int copy = sheet / (2 * printed.pages) + 1;
+        const int page = (sheet / 2) % printed.pages + 1;
+        const QString front = capture->pageTexts.at(sheet).simplified();
+        const QString back = capture->pageTexts.at(sheet + 1).simplified();
+        QVERIFY2(front.contains(QStringLiteral("Enscript page %1").arg(page)), qPrintable(front));
+        QVERIFY2(back.contains(QLatin1String(Label)), qPrintable(back));
+        QVERIFY2(back.contains(QStringLiteral("Copy %1 of %2").arg(copy).arg(printed.copies)),
+                 qPrintable(back));
+        QVERIFY2(back.contains(QStringLiteral("Page %1 of %2").arg(page).arg(printed.pages)),
+                 qPrintable(back));
+    }
+    QCOMPARE(ghostscriptErrors(capture->file), QString());
+}
+
 void TestPrintQueue::forgedOptionsChangeNothing()
 {
     const PrintedJob printed = m_jobs.value(QStringLiteral("forged"));
@@ -407,7 +446,7 @@ void TestPrintQueue::pageLogCountsPagesTimesCopies_data()
 {
     QTest::addColumn<QString>("job");
     for (const char* job :
-         {"postscript", "pdf", "text", "forged", "after raw binary", "raw binary", "no template"})
+         {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "raw binary", "no template"})
         QTest::newRow(job) << QString::fromLatin1(job);
 }
 
@@ -428,7 +467,7 @@ void TestPrintQueue::pageLogCountsPagesTimesCopies()
     QCOMPARE(lines.size(), 1);
     const QString& line = lines.first();
     if (printed.pages > 0) {
-        const int impressions = printed.pages * printed.copies;
+        const int impressions = printed.impressions();
         QVERIFY2(line.startsWith(head + QStringLiteral("%1 %1 quillet audit: ").arg(impressions)),
                  qPrintable(line));
         QVERIFY2(line.contains(QStringLiteral(" sent=%1 outcome=marked-and-sent").arg(impressions)),
@@ -448,6 +487,7 @@ void TestPrintQueue::auditLineForEveryJob_data()
     QTest::newRow("PostScript, 2 copies")
         << QStringLiteral("postscript") << QStringLiteral("outcome=marked-and-sent");
     QTest::newRow("forged options") << QStringLiteral("forged") << QStringLiteral("outcome=marked-and-sent");
+    QTest::newRow("back pages") << QStringLiteral("duplex") << QStringLiteral("outcome=marked-and-sent");
     QTest::newRow("raw binary data") << QStringLiteral("raw binary")
                                      << QStringLiteral("outcome=refused reason=");
     QTest::newRow("no template") << QStringLiteral("no template")
@@ -470,7 +510,7 @@ void TestPrintQueue::auditLineForEveryJob()
             .arg(QLatin1String(PrintingUser), printed.queue, QLatin1String(Label))
             .arg(printed.pages)
             .arg(printed.copies)
-            .arg(printed.pages * printed.copies);
+            .arg(printed.impressions());
     QVERIFY2(line.contains(fields + outcome), qPrintable(line));
 }
 
@@ -480,18 +520,24 @@ void TestPrintQueue::noCapturedPageIsUnmarked()
     for (const Capture& capture : qAsConst(m_captures)) {
         QVERIFY2(!capture.pageTexts.isEmpty(), qPrintable(capture.file));
         QCOMPARE(pdfPageCount(capture.pdf), capture.pageTexts.size());
-        for (const QString& page : capture.pageTexts) {
-            const QString text = page.simplified();
+        // With back pages, the back pages carry the marks.
+        int step = 1;
+        for (const PrintedJob& job : qAsConst(m_jobs)) {
+            if (job.id == capture.jobId)
+                step = job.sides;
+        }
+        for (int index = step - 1; index < capture.pageTexts.size(); index += step) {
+            const QString text = capture.pageTexts.at(index).simplified();
             QVERIFY2(text.contains(QLatin1String(Label)) && text.contains(QStringLiteral("User ")) &&
                          text.contains(QStringLiteral("Page ")),
                      qPrintable(capture.file + QStringLiteral(": ") + text));
-            ++pages;
+            pages += step;
         }
     }
     // Every page the printed jobs asked for, and nothing else.
     int expected = 0;
     for (const PrintedJob& job : qAsConst(m_jobs))
-        expected += job.pages * job.copies;
+        expected += job.impressions();
     QCOMPARE(pages, expected);
 }
 
