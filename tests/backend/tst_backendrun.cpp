@@ -2,6 +2,7 @@
 // what the real backend gets, a failing real backend, a job cancelled while
 // it is marked, and the work folder removed on every exit.
 #include "common/paths.h"
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QDir>
@@ -51,6 +52,10 @@ class BackendRig
     void setTemplate(const QByteArray& content) const
     {
         writeFile(m_dir.filePath("etc/quillet/q.tmpl"), content);
+    }
+    void setVariables(const QByteArray& content) const
+    {
+        writeFile(m_dir.filePath("etc/quillet/q.vars"), content);
     }
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
 
@@ -132,6 +137,9 @@ class TestBackendRun : public QObject
     void realBackendGetsOneStreamOfMarkedCopies();
     void realBackendFailureIsPassedOn();
     void refusedJobLeavesNothing();
+    void quilletFailureRefusesJob();
+    void markingRunsAsServerUser_data();
+    void markingRunsAsServerUser();
     void cancelledWhileMarking();
     void wrongCommandLine();
 };
@@ -186,6 +194,52 @@ void TestBackendRun::refusedJobLeavesNothing()
              run.standardError.constData());
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
     QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::quilletFailureRefusesJob()
+{
+    BackendRig rig;
+    rig.setTemplate(Template);
+    // PostScript without a single DSC page: quillet stops with status 1.
+    writeFile(rig.path("nopages.ps"),
+              "%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto (x) show showpage\n");
+    const RunResult run = rig.run(jobArguments(rig.path("nopages.ps")));
+    QCOMPARE(run.exitCode, 5);
+    QVERIFY2(
+        run.standardError.contains("ERROR: quillet: job 7 on q refused, nothing printed: quillet failed with "
+                                   "status 1: "),
+        run.standardError.constData());
+    QVERIFY(run.standardError.contains("outcome=refused reason="));
+    QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::markingRunsAsServerUser_data()
+{
+    QTest::addColumn<QByteArray>("variables");
+    QTest::addColumn<QString>("account");
+    QTest::newRow("the print server's user") << QByteArray() << QStringLiteral("lp");
+    QTest::newRow("MarkerUser=root") << QByteArray("MarkerUser=root\n") << QStringLiteral("root");
+}
+
+void TestBackendRun::markingRunsAsServerUser()
+{
+    QFETCH(QByteArray, variables);
+    QFETCH(QString, account);
+    if (!haveProgram(QStringLiteral("ps2pdf")) || !haveProgram(QStringLiteral("pdftotext")))
+        QSKIP("ps2pdf and pdftotext are needed");
+    BackendRig rig;
+    // A site program in the template prints the account it runs as.
+    rig.setTemplate("any:normal:9::who:top-left:Marked by {SCRIPT:/usr/bin/id -un}\n");
+    rig.setVariables(variables);
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps"), QStringLiteral("1")));
+    QVERIFY2(run.exitCode == 0, run.standardError.constData());
+    const QString pdf = rig.path("out/data.pdf");
+    QVERIFY(convertToPdf(rig.path("out/data"), pdf));
+    const QStringList pages = pdfPageTexts(pdf);
+    QCOMPARE(pages.size(), 2);
+    for (const QString& page : pages)
+        QVERIFY2(page.simplified().contains(QStringLiteral("Marked by ") + account), qPrintable(page));
 }
 
 void TestBackendRun::cancelledWhileMarking()
