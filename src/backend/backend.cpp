@@ -177,8 +177,10 @@ int JobRun::refuse(const QString& reason)
     m_sent = 0;
     message(QStringLiteral("ERROR: quillet: job %1 on %2 refused, nothing printed: %3")
                 .arg(logText(m_job.jobId), logText(m_queue), logText(reason)));
-    message(
-        QStringLiteral("ATTR: job-impressions=0 job-impressions-completed=0 job-media-sheets-completed=0"));
+    // Nothing was sent. The print server only ever raises a job's page
+    // count, so what the filters counted before stays in the page log; the
+    // ERROR line above becomes the job's state message that says why.
+    message(QStringLiteral("ATTR: job-impressions=0"));
     message(QStringLiteral("PAGE: total 0"));
     audit(QStringLiteral("refused reason=\"%1\"").arg(logText(reason)));
     return RefusedJobStatus;
