@@ -16,8 +16,11 @@ namespace
 {
 
 // A stand-in for a real backend: keeps its arguments, its device URI and the
-// stream, and ends with FAKE_STATUS.
+// stream, and ends with FAKE_STATUS; with FAKE_WAIT it first waits that many
+// seconds, as a printer that is slow to take the job.
 const char FakeBackend[] = "#!/bin/sh\n"
+                           ": > \"$FAKE_OUT/started\"\n"
+                           "[ -z \"$FAKE_WAIT\" ] || /bin/sleep \"$FAKE_WAIT\"\n"
                            "printf '%s\\n' \"$@\" > \"$FAKE_OUT/args\"\n"
                            "printf '%s\\n' \"$DEVICE_URI\" > \"$FAKE_OUT/uri\"\n"
                            "cat > \"$FAKE_OUT/data\"\n"
@@ -30,6 +33,9 @@ const char Template[] = "any:normal:9::user:top-left:User {job-originating-user-
 // marking is still running when the job is cancelled.
 const char SlowTemplate[] = "any:normal:9::slow:top-left:{SCRIPT:/bin/sleep 47.25}\n";
 const char SlowProgram[] = "sleep\00047.25";
+// The real backend's wait when the job is cancelled while it is being sent.
+const char SlowDeviceWait[] = "48.75";
+const char SlowDevice[] = "sleep\00048.75";
 
 // The print server's side of one backend run.
 class BackendRig
@@ -140,7 +146,8 @@ class TestBackendRun : public QObject
     void quilletFailureRefusesJob();
     void markingRunsAsServerUser_data();
     void markingRunsAsServerUser();
-    void cancelledWhileMarking();
+    void cancelledJobLeavesNothing_data();
+    void cancelledJobLeavesNothing();
     void wrongCommandLine();
 };
 
@@ -242,11 +249,25 @@ void TestBackendRun::markingRunsAsServerUser()
         QVERIFY2(page.simplified().contains(QStringLiteral("Marked by ") + account), qPrintable(page));
 }
 
-void TestBackendRun::cancelledWhileMarking()
+void TestBackendRun::cancelledJobLeavesNothing_data()
 {
+    QTest::addColumn<QByteArray>("templateText");
+    QTest::addColumn<QString>("deviceWait");
+    QTest::addColumn<QByteArray>("slowProgram");
+    QTest::newRow("while it is marked")
+        << QByteArray(SlowTemplate) << QString() << QByteArray(SlowProgram, sizeof SlowProgram - 1);
+    QTest::newRow("while it is sent") << QByteArray(Template) << QString::fromLatin1(SlowDeviceWait)
+                                      << QByteArray(SlowDevice, sizeof SlowDevice - 1);
+}
+
+void TestBackendRun::cancelledJobLeavesNothing()
+{
+    QFETCH(QByteArray, templateText);
+    QFETCH(QString, deviceWait);
+    QFETCH(QByteArray, slowProgram);
     BackendRig rig;
-    rig.setTemplate(SlowTemplate);
-    // The print server cancels the job a second into the marking.
+    rig.setTemplate(templateText);
+    // The print server cancels the job a second after it started.
     const QString script =
         QStringLiteral("\"$0\" \"$@\" & pid=$!; sleep 1; kill -TERM $pid; wait $pid; echo status=$?");
     QStringList command = {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script,
@@ -254,15 +275,18 @@ void TestBackendRun::cancelledWhileMarking()
     command += jobArguments(rig.path("job.ps"), QStringLiteral("1"));
     QElapsedTimer timer;
     timer.start();
-    const RunResult run =
-        runProgram(QStringLiteral(QUILLET_SANDBOX), rig.sandboxArguments(command), rig.environment());
-    // Ended at once, not after the site program's four seconds.
+    const RunResult run = runProgram(QStringLiteral(QUILLET_SANDBOX), rig.sandboxArguments(command),
+                                     rig.environment() << QStringLiteral("FAKE_WAIT=") + deviceWait);
+    // Ended at once, not after the site program's four seconds or the
+    // device's wait.
     QVERIFY2(timer.elapsed() < 3500, qPrintable(QString::number(timer.elapsed())));
     QVERIFY2(run.standardOutput.contains("status=5\n"), run.standardOutput + run.standardError);
     QVERIFY2(run.standardError.contains("outcome=cancelled\n"), run.standardError.constData());
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    // Cancelled while sending: the real backend had started.
+    QCOMPARE(QFileInfo::exists(rig.path("out/started")), !deviceWait.isEmpty());
     QCOMPARE(rig.leftovers(), QStringList());
-    QVERIFY(!processRunning(QByteArray(SlowProgram, sizeof SlowProgram - 1)));
+    QVERIFY(!processRunning(slowProgram));
 }
 
 void TestBackendRun::wrongCommandLine()
