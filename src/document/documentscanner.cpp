@@ -5,7 +5,6 @@
 // positions are 0-based line indexes.
 #include "document/quillet.h"
 
-#include "app/fatal.h"
 #include "common/paths.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
@@ -48,7 +47,7 @@ bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter)
     }
 }
 
-bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
+Status Quillet::scanDocument(QIODevice& input, DocumentModel& model)
 {
     model = DocumentModel();
 
@@ -101,8 +100,9 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
             trace(QStringLiteral("Line %1 matches font resource line. Font name is %2").arg(counter).arg(font));
             QFile fontFile(QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font);
             if (!fontFile.open(QIODevice::ReadOnly))
-                fatal(QCoreApplication::translate("Quillet", "Can not open marker font file %1")
-                          .arg(fontFile.fileName()));
+                return Status::failure(
+                    QCoreApplication::translate("Quillet", "Can not open marker font file %1")
+                        .arg(fontFile.fileName()));
             const bool contentMatches = filesMatch(input, fontFile, counter);
             fontFile.close();
 
@@ -143,5 +143,5 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
     fonts.setIdenticalDocumentFonts(identicalFonts);
     fonts.setConflictingDocumentFonts(conflictingFonts);
     trace(QStringLiteral("Renamed fonts: %1").arg(conflictingFonts.join(QStringLiteral(", "))));
-    return !model.pageEndLines.isEmpty();
+    return Status();
 }

@@ -4,7 +4,6 @@
 // every page (duplex).
 #include "document/quillet.h"
 
-#include "app/fatal.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
@@ -74,27 +73,35 @@ void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount)
         output.write(pageCount >= 0 && line.startsWith(PagesComment) ? pages : line);
 }
 
-void Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
-                      const QString& output, bool duplex)
+Status Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
+                        const QString& output, bool duplex)
 {
     // The input is read as raw bytes, without end-of-line translation, so
     // that every byte of it reaches the output unchanged.
     QFile in(input);
     if (!in.open(QIODevice::ReadOnly))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open input file %1")).arg(input));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open input file %1")).arg(input));
     QFile templateDevice(templateFile);
     if (!templateDevice.open(QIODevice::ReadOnly))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open template file %1")).arg(templateFile));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open template file %1")).arg(templateFile));
     QFile variablesDevice(variablesFile);
     if (!variablesDevice.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open variables file %1")).arg(variablesFile));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open variables file %1")).arg(variablesFile));
     QFile out(output);
     if (!out.open(QIODevice::WriteOnly | QIODevice::Text))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open output file %1 for writing")).arg(output));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open output file %1 for writing")).arg(output));
 
     DocumentModel model;
-    if (!scanDocument(in, model))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
+    const Status scanned = scanDocument(in, model);
+    if (!scanned.ok())
+        return scanned;
+    if (model.pageEndLines.isEmpty())
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
     const qint64 pageCount = model.pageEndLines.size();
     trace(QStringLiteral("Page count: %1").arg(pageCount));
 
@@ -159,4 +166,5 @@ void Quillet::process(const QString& input, const QString& templateFile, const Q
 
     in.close();
     out.close();
+    return Status();
 }

@@ -6,7 +6,7 @@
 //
 // STYLES is a comma-separated list of marker font style ids (for example
 // "0,1"); the required fonts are those of these styles. Output, one line each:
-//   result=<0|1>            what scanDocument returned
+//   result=<0|1>            whether scanDocument found page ends
 //   prolog=<n>              DocumentModel::prologLine
 //   firstPage=<n>           DocumentModel::firstPageLine
 //   pageEnds=<a,b,...>      DocumentModel::pageEndLines
@@ -60,7 +60,12 @@ int main(int argc, char* argv[])
     model.prologLine = 99;
     model.firstPageLine = 99;
     model.pageEndLines = {99};
-    const bool result = Quillet().scanDocument(document, model);
+    const Status status = Quillet().scanDocument(document, model);
+    if (!status.ok()) {
+        std::fprintf(stderr, "%s\n", qPrintable(status.message()));
+        return 1;
+    }
+    const bool result = !model.pageEndLines.isEmpty();
 
     QByteArrayList pageEnds;
     for (qint64 end : qAsConst(model.pageEndLines))

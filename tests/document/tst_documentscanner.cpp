@@ -237,7 +237,8 @@ void TestDocumentScanner::pageStructure()
     QBuffer input(&document);
     QVERIFY(input.open(QIODevice::ReadOnly));
     DocumentModel model;
-    const bool result = Quillet().scanDocument(input, model);
+    QVERIFY(Quillet().scanDocument(input, model).ok());
+    const bool result = !model.pageEndLines.isEmpty();
 
     QCOMPARE(model.prologLine, prologLine);
     QCOMPARE(model.firstPageLine, firstPageLine);
@@ -256,7 +257,7 @@ void TestDocumentScanner::modelIsEmptiedAndInputLeftAtEnd()
     model.firstPageLine = 8;
     model.pageEndLines = {9, 10};
 
-    QVERIFY(!Quillet().scanDocument(input, model));
+    QVERIFY(Quillet().scanDocument(input, model).ok());
     QCOMPARE(model.prologLine, qint64(0));
     QCOMPARE(model.firstPageLine, qint64(0));
     QVERIFY(model.pageEndLines.isEmpty());
