@@ -93,6 +93,9 @@ private slots:
     void inputMustBeARegularFileOfItsOwn_data();
     void inputMustBeARegularFileOfItsOwn();
 
+    void newMessagesAreTranslated_data();
+    void newMessagesAreTranslated();
+
     void failedSafeRunLeavesBothFiles_data();
     void failedSafeRunLeavesBothFiles();
     void successfulSafeRunReplacesBothFiles();
@@ -228,6 +231,44 @@ void TestOutputFailures::inputMustBeARegularFileOfItsOwn()
     QCOMPARE(tree.read(QStringLiteral("job/in.ps")), document);
     QCOMPARE(tree.read(QStringLiteral("job/vars")), variables);
     QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
+void TestOutputFailures::newMessagesAreTranslated_data()
+{
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("expected");
+
+    const QStringList job = {QStringLiteral("in.ps"), QStringLiteral("template"), QStringLiteral("vars")};
+    QTest::newRow("a write that fails")
+        << QStringLiteral("exec \"$@\"") << (job + QStringList{QStringLiteral("/dev/full")})
+        << QStringLiteral("Не удаётся записать выходной файл /dev/full\n");
+    QTest::newRow("the output is the input")
+        << QStringLiteral("exec \"$@\"") << (job + QStringList{QStringLiteral("in.ps")})
+        << QStringLiteral("Входной файл in.ps и in.ps — один и тот же файл\n");
+    QTest::newRow("input from a pipe")
+        << QStringLiteral("cat in.ps | \"$@\"")
+        << QStringList{QStringLiteral("/dev/stdin"), QStringLiteral("template"), QStringLiteral("vars"),
+                       QStringLiteral("out.ps")}
+        << QStringLiteral("Входной файл /dev/stdin не является обычным файлом\n");
+}
+
+// The Russian catalogue built with the program carries the new messages.
+void TestOutputFailures::newMessagesAreTranslated()
+{
+    QFETCH(QString, script);
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, expected);
+
+    FixtureTree tree;
+    prepare(tree, pagedDocument(1), JobVariables);
+    tree.copy(QStringLiteral(QUILLET_BINARY_DIR "/translations/quillet_ru.qm"),
+              QStringLiteral("translations/quillet_ru.qm"));
+    const RunResult run = runScript(tree, script, arguments,
+                                    {QStringLiteral("LANG=ru_RU.UTF-8"), QStringLiteral("LC_ALL="),
+                                     QStringLiteral("LC_MESSAGES="), QStringLiteral("LANGUAGE=")});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(QString::fromUtf8(run.standardError), expected);
 }
 
 void TestOutputFailures::failedSafeRunLeavesBothFiles_data()
