@@ -175,8 +175,9 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     trace(QStringLiteral("Page count: %1").arg(pageCount));
 
     // Publish the page counts and hand the store back to the print path.
-    qint64 copies = number(variables.contains(QStringLiteral("copies")) ? variables.value(QStringLiteral("copies"))
-                                                                        : QStringLiteral("1"));
+    const qint64 copies = number(variables.contains(QStringLiteral("copies"))
+                                     ? variables.value(QStringLiteral("copies"))
+                                     : QStringLiteral("1"));
     qint64 continuousCount = 0;
     if (__builtin_mul_overflow(pageCount, copies, &continuousCount)) {
         qWarning("Value of '%s' is out of range; it counts as 0", "copies");
