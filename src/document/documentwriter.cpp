@@ -30,6 +30,17 @@ const char PageGuard[] = "userdict /QuilletPageMarked false put\n"
                          "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
                          "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
                          ">> setpagedevice\n";
+// - -  Print-safe duplex: every document page must be followed by its marked
+// back page before another page is shown. An unmarked page is shown only
+// when the page before it was a marked one (or it is the first).
+const char DuplexPageGuard[] =
+    "userdict /QuilletPageMarked false put\n"
+    "userdict /QuilletFrontShown false put\n"
+    "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known { get } { pop pop false } ifelse "
+    "{ userdict /QuilletPageMarked false put userdict /QuilletFrontShown false put true } "
+    "{ userdict /QuilletFrontShown 2 copy known { get } { pop pop false } ifelse "
+    "{ false } { userdict /QuilletFrontShown true put true } ifelse } ifelse } { false } ifelse } "
+    ">> setpagedevice\n";
 // - -  Marks the page for the guard, right before it is shown.
 const char MarkPage[] = "userdict /QuilletPageMarked true put\n";
 // - -  Asks for the job's paper size.
@@ -200,11 +211,10 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         currentCopy = 0;
     }
     const QString pageFormat = variables.value(QStringLiteral("PAGE_FORMAT"));
-    const bool guardPages = safeOutput && !duplex;
     if (!duplex)
         out.write(RedefineShowpage);
-    if (guardPages)
-        out.write(PageGuard);
+    if (safeOutput)
+        out.write(duplex ? DuplexPageGuard : PageGuard);
     if (!pageFormat.isEmpty() && pageFormat != QLatin1String("A4")) {
         const QString width = variables.value(QStringLiteral("DEVICEWIDTH"));
         const QString height = variables.value(QStringLiteral("DEVICEHEIGHT"));
@@ -232,7 +242,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
 
         if (!duplex) {
             marker.drawMarker(out, int(page), page == pageCount);
-            if (guardPages)
+            if (safeOutput)
                 out.write(MarkPage);
             out.write(ShowPageReal);
             copyLines(in, out, 1);
@@ -243,6 +253,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             out.write(boundingBox);
             out.write(PageSetup);
             marker.drawMarker(out, int(page), page == pageCount);
+            if (safeOutput)
+                out.write(MarkPage);
             out.write(BackPageEnd);
             const QByteArray next = in.readLine();
             out.write(next.startsWith(PageComment) ? pageLabel(2 * page + 1) : next);

@@ -151,13 +151,22 @@ QByteArray withoutFontResources(const QByteArray& output)
     return removeAll(output, "%%BeginResource: font TinySans\n", "/Marker-Normal exch definefont pop\n");
 }
 
+const QByteArray PageNumberTemplate = "any:normal:12::top-left:{CURRENT_PAGE}/{CURRENT_PAGE_CONTINUOUS}\n";
 const QByteArray ShowpageRedefinition = "/showpagereal /showpage load def\n/showpage {} def\n";
 // The print-safe guard that follows it: only marked pages are shown.
 const QByteArray PageGuard = "userdict /QuilletPageMarked false put\n"
                              "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
                              "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
                              ">> setpagedevice\n";
-const QByteArray PageNumberTemplate = "any:normal:12::top-left:{CURRENT_PAGE}/{CURRENT_PAGE_CONTINUOUS}\n";
+// The duplex guard: a document page is shown only after a marked one.
+const QByteArray DuplexPageGuard =
+    "userdict /QuilletPageMarked false put\n"
+    "userdict /QuilletFrontShown false put\n"
+    "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known { get } { pop pop false } ifelse "
+    "{ userdict /QuilletPageMarked false put userdict /QuilletFrontShown false put true } "
+    "{ userdict /QuilletFrontShown 2 copy known { get } { pop pop false } ifelse "
+    "{ false } { userdict /QuilletFrontShown true put true } ifelse } ifelse } { false } ifelse } "
+    ">> setpagedevice\n";
 
 } // namespace
 
@@ -339,7 +348,7 @@ void TestDocumentWriter::pageSizeRequest_data()
         << document << safe + "DEVICEWIDTH=" + QByteArray(400, '9') + "\nDEVICEHEIGHT=792\n" << false
         << safeBefore + after;
     QTest::newRow("print-safe, duplex: a bad device size is left out")
-        << document << safe + "DEVICEWIDTH=(x)\nDEVICEHEIGHT=792\n" << true << before + after;
+        << document << safe + "DEVICEWIDTH=(x)\nDEVICEHEIGHT=792\n" << true << before + DuplexPageGuard + after;
 }
 
 void TestDocumentWriter::pageSizeRequest()
