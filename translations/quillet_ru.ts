@@ -27,6 +27,22 @@
         <source>Can not open marker font file %1</source>
         <translation>Не удаётся открыть файл шрифта маркера %1</translation>
     </message>
+    <message>
+        <source>Input file %1 is not a regular file</source>
+        <translation>Входной файл %1 не является обычным файлом</translation>
+    </message>
+    <message>
+        <source>Input file %1 and %2 are the same file</source>
+        <translation>Входной файл %1 и %2 — один и тот же файл</translation>
+    </message>
+    <message>
+        <source>Can not write variables file %1</source>
+        <translation>Не удаётся записать файл переменных %1</translation>
+    </message>
+    <message>
+        <source>Can not write output file %1</source>
+        <translation>Не удаётся записать выходной файл %1</translation>
+    </message>
 </context>
 <context>
     <name>main</name>

@@ -1,9 +1,11 @@
-// Start-up of the filter: everything runs in a fixed order, and every failure
-// before the document filter ends the run with a message and status 1.
+// Start-up of the filter: everything runs in a fixed order, and the first
+// failure, of start-up or of the document filter, comes back here as a value:
+// its message is printed and the run ends with status 1.
 #include "app/startup.h"
 
-#include "app/fatal.h"
+#include "app/printerror.h"
 #include "common/paths.h"
+#include "common/status.h"
 #include "document/quillet.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
@@ -29,13 +31,14 @@ QString mainText(const char* text)
 
 // Fills the store: the variables file, then the run's date and time, then the
 // marker definitions file, each replacing earlier keys of the same name.
-void loadVariables(const QString& variablesFile)
+Status loadVariables(const QString& variablesFile)
 {
     Variables& variables = Variables::instance();
 
     QFile file(variablesFile);
     if (!file.open(QIODevice::ReadOnly))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker variables file %1")).arg(variablesFile));
+        return Status::failure(
+            mainText(QT_TRANSLATE_NOOP("main", "Can not read marker variables file %1")).arg(variablesFile));
     variables.read(file);
     variables.insert(QStringLiteral("DATE"), QDate::currentDate().toString(QStringLiteral("dd.MM.yyyy")));
     variables.insert(QStringLiteral("TIME"), QTime::currentTime().toString(QStringLiteral("hh:mm:ss")));
@@ -47,21 +50,61 @@ void loadVariables(const QString& variablesFile)
     if (!file.exists()) {
         file.setFileName(QLatin1String(CupsDataDir) + QLatin1String("/quillet/marker.defs"));
         if (!file.exists())
-            fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
+            return Status::failure(
+                mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1"))
+                    .arg(file.fileName()));
     }
     if (!file.open(QIODevice::ReadOnly))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1")).arg(file.fileName()));
+        return Status::failure(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1"))
+                                   .arg(file.fileName()));
     variables.read(file);
     file.close();
+    return Status();
 }
 
-void loadTemplate(const QString& templateFile)
+Status loadTemplate(const QString& templateFile)
 {
     QFile file(templateFile);
     if (!file.open(QIODevice::ReadOnly))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker format file %1")).arg(templateFile));
+        return Status::failure(
+            mainText(QT_TRANSLATE_NOOP("main", "Can not read marker format file %1")).arg(templateFile));
     Marker::instance().readTemplate(file);
     file.close();
+    return Status();
+}
+
+// Checks that the three files to read exist, in the order of the arguments.
+Status checkFilesExist(const QString& input, const QString& templateFile, const QString& variablesFile)
+{
+    if (!QFile::exists(input))
+        return Status::failure(mainText(QT_TRANSLATE_NOOP("main", "Input file %1 doesn't exist")).arg(input));
+    if (!QFile::exists(templateFile))
+        return Status::failure(
+            mainText(QT_TRANSLATE_NOOP("main", "Marker template file %1 doesn't exist")).arg(templateFile));
+    if (!QFile::exists(variablesFile))
+        return Status::failure(
+            mainText(QT_TRANSLATE_NOOP("main", "Variables file %1 doesn't exist")).arg(variablesFile));
+    return Status();
+}
+
+// Everything after the command line, in its fixed order; stops at the first
+// failure and returns it.
+Status run(const QString& input, const QString& templateFile, const QString& variablesFile,
+           const QString& output, bool duplex)
+{
+    Status status = checkFilesExist(input, templateFile, variablesFile);
+    if (status.ok())
+        status = loadVariables(variablesFile);
+    if (status.ok())
+        status = loadTemplate(templateFile);
+    if (!status.ok())
+        return status;
+
+    Fonts& fonts = Fonts::instance();
+    fonts.initialize(Marker::instance().charset());
+    fonts.setMarkerStyles(Marker::instance().fontStyles());
+
+    return Quillet().process(input, templateFile, variablesFile, output, duplex);
 }
 
 } // namespace
@@ -110,20 +153,10 @@ int quilletMain(int argc, char* argv[])
     const QString& variablesFile = arguments.at(2);
     const QString& output = arguments.at(3);
 
-    if (!QFile::exists(input))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Input file %1 doesn't exist")).arg(input));
-    if (!QFile::exists(templateFile))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Marker template file %1 doesn't exist")).arg(templateFile));
-    if (!QFile::exists(variablesFile))
-        fatal(mainText(QT_TRANSLATE_NOOP("main", "Variables file %1 doesn't exist")).arg(variablesFile));
-
-    loadVariables(variablesFile);
-    loadTemplate(templateFile);
-
-    Fonts& fonts = Fonts::instance();
-    fonts.initialize(Marker::instance().charset());
-    fonts.setMarkerStyles(Marker::instance().fontStyles());
-
-    Quillet().process(input, templateFile, variablesFile, output, parser.isSet(duplexOption));
+    const Status status = run(input, templateFile, variablesFile, output, parser.isSet(duplexOption));
+    if (!status.ok()) {
+        printError(status.message());
+        return 1;
+    }
     return 0;
 }

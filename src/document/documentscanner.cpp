@@ -5,7 +5,6 @@
 // positions are 0-based line indexes.
 #include "document/quillet.h"
 
-#include "app/fatal.h"
 #include "common/paths.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
@@ -48,7 +47,39 @@ bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter)
     }
 }
 
-bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
+namespace {
+
+// Print-safe page ends, when some pages have a "%%PageTrailer" line: each page
+// ends on the last of its own, else just before the next page, and the last
+// page just before the trailer line or with the file's last line.
+QList<qint64> pageEndsOfEachPage(const QList<qint64>& pageStartLines, const QList<qint64>& pageTrailerLines,
+                                 qint64 trailerLine, qint64 lastLine)
+{
+    QList<qint64> ends;
+    for (int page = 0; page < pageStartLines.size(); ++page) {
+        const bool last = page + 1 == pageStartLines.size();
+        // The page runs from its "%%Page:" line to the line before the next
+        // page's (or before the trailer line, or to the end).
+        qint64 end = lastLine;
+        if (!last)
+            end = pageStartLines.at(page + 1);
+        else if (trailerLine != -1)
+            end = trailerLine - 1;
+        qint64 pageEnd = end;
+        for (qint64 trailer : pageTrailerLines) {
+            if (trailer > pageStartLines.at(page) + 1 && trailer <= end)
+                pageEnd = trailer;
+        }
+        ends.append(pageEnd);
+    }
+    return ends;
+}
+
+// One pass over the document. Embedded documents whose opening line is in
+// ignoredBegins are not taken as such; the opening lines of those never
+// closed are left in unclosedBegins.
+Status scanLines(QIODevice& input, DocumentModel& model, const QList<qint64>& ignoredBegins,
+                 QList<qint64>& unclosedBegins)
 {
     model = DocumentModel();
 
@@ -67,33 +98,43 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
     // With print-safe output, documents embedded in this one (EPS figures
     // between "%%BeginDocument" and "%%EndDocument", nested ones counted) are
     // copied but not examined: their page and trailer comments are their own.
-    const bool skipEmbedded = Variables::instance().safeOutput();
-    int embeddedDepth = 0;
+    // Only a prolog before the first page is the document's; the trailer is
+    // the last "%%Trailer" (else "%%EOF") after the last page; every page
+    // gets an end; and the line positions stay exact after a font resource
+    // that differs from the catalogue's.
+    const bool safeOutput = Variables::instance().safeOutput();
+    QList<qint64> openBegins;
+    qint64 lastTrailer = -1;
+    qint64 lastEndOfFile = -1;
 
     qint64 counter = 0;
     while (!input.atEnd()) {
         const QByteArray line = input.readLine();
-        if (skipEmbedded) {
-            if (line.startsWith(BeginDocument))
-                ++embeddedDepth;
-            else if (embeddedDepth > 0 && line.startsWith(EndDocument))
-                --embeddedDepth;
-            if (embeddedDepth > 0 || line.startsWith(EndDocument)) {
+        if (safeOutput) {
+            if (line.startsWith(BeginDocument) && !ignoredBegins.contains(counter))
+                openBegins.append(counter);
+            else if (!openBegins.isEmpty() && line.startsWith(EndDocument))
+                openBegins.removeLast();
+            if (!openBegins.isEmpty() || line.startsWith(EndDocument)) {
                 ++counter;
                 continue;
             }
         }
-        if (model.prologLine == 0 && line.startsWith(BeginProlog))
+        if (model.prologLine == 0 && line.startsWith(BeginProlog) && !(safeOutput && !pageStartLines.isEmpty()))
             model.prologLine = counter;
 
         if (line.startsWith(PageComment)) {
             pageStartLines.append(counter - 1);
             if (model.firstPageLine == 0)
                 model.firstPageLine = counter - 1;
+            lastTrailer = -1;
+            lastEndOfFile = -1;
         } else if (line.startsWith(PageTrailer)) {
             model.pageEndLines.append(counter);
-        } else if (trailerLine == -1 && (line.startsWith(Trailer) || line.startsWith(EndOfFile))) {
-            trailerLine = counter;
+        } else if (line.startsWith(Trailer) || line.startsWith(EndOfFile)) {
+            if (trailerLine == -1)
+                trailerLine = counter;
+            (line.startsWith(Trailer) ? lastTrailer : lastEndOfFile) = counter;
         } else if (line.startsWith(BeginFontResource) && resourceLines.contains(line)) {
             // A marker base font in the document: compare it with the
             // catalogue's file. The lines read move the counter themselves.
@@ -101,8 +142,9 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
             trace(QStringLiteral("Line %1 matches font resource line. Font name is %2").arg(counter).arg(font));
             QFile fontFile(QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font);
             if (!fontFile.open(QIODevice::ReadOnly))
-                fatal(QCoreApplication::translate("Quillet", "Can not open marker font file %1")
-                          .arg(fontFile.fileName()));
+                return Status::failure(
+                    QCoreApplication::translate("Quillet", "Can not open marker font file %1")
+                        .arg(fontFile.fileName()));
             const bool contentMatches = filesMatch(input, fontFile, counter);
             fontFile.close();
 
@@ -113,6 +155,8 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
                 const bool endLine = input.readLine() == EndResource;
                 counter += 3;
                 identical = emptyLine && endLine;
+            } else if (safeOutput) {
+                ++counter; // the "%%BeginResource:" line itself
             }
             if (identical) {
                 if (!identicalFonts.contains(font))
@@ -126,6 +170,18 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
             continue;
         }
         ++counter;
+    }
+    unclosedBegins = openBegins;
+
+    // Print-safe: pages without any "%%PageTrailer" keep the rule below (with
+    // the document's own trailer); otherwise, or when the only trailer lines
+    // stand before the last page, every page ends by itself.
+    if (safeOutput) {
+        const bool anyTrailer = trailerLine != -1;
+        trailerLine = lastTrailer != -1 ? lastTrailer : lastEndOfFile;
+        const bool endsAtTrailer = model.pageEndLines.isEmpty() && trailerLine != -1;
+        if (!pageStartLines.isEmpty() && !endsAtTrailer && (anyTrailer || !model.pageEndLines.isEmpty()))
+            model.pageEndLines = pageEndsOfEachPage(pageStartLines, model.pageEndLines, trailerLine, counter - 1);
     }
 
     // Without "%%PageTrailer" lines the pages end where the next one starts;
@@ -143,5 +199,19 @@ bool Quillet::scanDocument(QIODevice& input, DocumentModel& model)
     fonts.setIdenticalDocumentFonts(identicalFonts);
     fonts.setConflictingDocumentFonts(conflictingFonts);
     trace(QStringLiteral("Renamed fonts: %1").arg(conflictingFonts.join(QStringLiteral(", "))));
-    return !model.pageEndLines.isEmpty();
+    return Status();
+}
+
+} // namespace
+
+Status Quillet::scanDocument(QIODevice& input, DocumentModel& model)
+{
+    // With print-safe output an embedded document that is never closed would
+    // swallow every later page: the scan is made again with its opening line
+    // taken as an ordinary line.
+    QList<qint64> unclosedBegins;
+    Status status = scanLines(input, model, {}, unclosedBegins);
+    if (status.ok() && !unclosedBegins.isEmpty() && input.seek(0))
+        status = scanLines(input, model, unclosedBegins, unclosedBegins);
+    return status;
 }

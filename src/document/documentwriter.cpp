@@ -4,19 +4,45 @@
 // every page (duplex).
 #include "document/quillet.h"
 
-#include "app/fatal.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
 #include "settings/variables.h"
 
+#include "document/targetfile.h"
+
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <sys/stat.h>
 
 namespace {
 
 // - -  Keeps the real showpage and disables the document's own (simplex).
 const char RedefineShowpage[] = "/showpagereal /showpage load def\n/showpage {} def\n";
+// - -  Print-safe simplex: the device shows a page only when the marker
+// block marked it, whatever route the document takes to show it (the real
+// showpage from systemdict or bound early, copypage). EndPage is called as
+// "count reason EndPage bool"; reason 2 (device deactivation) shows nothing.
+const char PageGuard[] = "userdict /QuilletPageMarked false put\n"
+                         "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
+                         "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
+                         ">> setpagedevice\n";
+// - -  Print-safe duplex: every document page must be followed by its marked
+// back page before another page is shown. An unmarked page is shown only
+// when the page before it was a marked one (or it is the first).
+const char DuplexPageGuard[] =
+    "userdict /QuilletPageMarked false put\n"
+    "userdict /QuilletFrontShown false put\n"
+    "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known { get } { pop pop false } ifelse "
+    "{ userdict /QuilletPageMarked false put userdict /QuilletFrontShown false put true } "
+    "{ userdict /QuilletFrontShown 2 copy known { get } { pop pop false } ifelse "
+    "{ false } { userdict /QuilletFrontShown true put true } ifelse } ifelse } { false } ifelse } "
+    ">> setpagedevice\n";
+// - -  Marks the page for the guard, right before it is shown.
+const char MarkPage[] = "userdict /QuilletPageMarked true put\n";
 // - -  Asks for the job's paper size.
 const char PageSizeRequest[] = "<< /PageSize [ %1 %2 ] /ImagingBBox null >> setpagedevice\n";
 // - -  Shows the page with the marker painted over it (simplex).
@@ -42,6 +68,35 @@ qint64 number(const QString& text)
     bool ok = false;
     const qint64 value = text.toLongLong(&ok, 10);
     return ok ? value : 0;
+}
+
+// Whether the page numbers of a copy, (copy - 1) x pages + page for every
+// page, fit in 64 bits.
+bool copyNumbersFit(qint64 copy, qint64 pages)
+{
+    qint64 before = 0;
+    qint64 product = 0;
+    qint64 last = 0;
+    return !__builtin_sub_overflow(copy, 1, &before) && !__builtin_mul_overflow(before, pages, &product)
+        && !__builtin_add_overflow(product, pages, &last);
+}
+
+// Whether a paper dimension is a plain positive number of points, in a form
+// that PostScript reads: digits with an optional fraction, no sign, exponent
+// or unit, and no more digits than any paper needs.
+bool isPaperSize(const QString& text)
+{
+    static const QRegularExpression plainNumber(QStringLiteral("^[0-9]{1,6}(\\.[0-9]{1,6})?$"));
+    return plainNumber.match(text).hasMatch() && text.toDouble() > 0;
+}
+
+// Whether two names lead to the same file (hard and symbolic links included).
+bool sameFile(const QString& first, const QString& second)
+{
+    struct stat a;
+    struct stat b;
+    return ::stat(QFile::encodeName(first).constData(), &a) == 0
+        && ::stat(QFile::encodeName(second).constData(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 QByteArray pageLabel(qint64 number)
@@ -74,54 +129,101 @@ void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount)
         output.write(pageCount >= 0 && line.startsWith(PagesComment) ? pages : line);
 }
 
-void Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
-                      const QString& output, bool duplex)
+Status Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
+                        const QString& output, bool duplex)
 {
-    // The input is read as raw bytes, without end-of-line translation, so
-    // that every byte of it reaches the output unchanged.
+    Variables& variables = Variables::instance();
+    const bool safeOutput = variables.safeOutput();
+
+    // The input is read twice, so it must be a regular file; a folder fails
+    // to open below. It is read as raw bytes, without end-of-line
+    // translation, so that every byte of it reaches the output unchanged.
+    const QFileInfo inputInfo(input);
+    if (inputInfo.exists() && !inputInfo.isFile() && !inputInfo.isDir())
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Input file %1 is not a regular file")).arg(input));
     QFile in(input);
     if (!in.open(QIODevice::ReadOnly))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open input file %1")).arg(input));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open input file %1")).arg(input));
     QFile templateDevice(templateFile);
     if (!templateDevice.open(QIODevice::ReadOnly))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open template file %1")).arg(templateFile));
-    QFile variablesDevice(variablesFile);
-    if (!variablesDevice.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open variables file %1")).arg(variablesFile));
-    QFile out(output);
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Text))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open output file %1 for writing")).arg(output));
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open template file %1")).arg(templateFile));
+    // Writing a file that is the input would destroy the document.
+    for (const QString& written : {variablesFile, output}) {
+        if (sameFile(input, written))
+            return Status::failure(
+                quilletText(QT_TRANSLATE_NOOP("Quillet", "Input file %1 and %2 are the same file"))
+                    .arg(input, written));
+    }
+
+    // With print-safe output both files are replaced only when the whole run
+    // succeeds; until then they are written beside the originals, and the
+    // temporary files go away with these objects on any failure.
+    TargetFile variablesTarget(variablesFile, safeOutput);
+    if (!variablesTarget.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open variables file %1")).arg(variablesFile));
+    TargetFile outputTarget(output, safeOutput);
+    if (!outputTarget.open(QIODevice::WriteOnly | QIODevice::Text))
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open output file %1 for writing")).arg(output));
+    QIODevice& out = outputTarget.device();
+    const Status variablesWriteFailure = Status::failure(
+        quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not write variables file %1")).arg(variablesFile));
+    const Status outputWriteFailure = Status::failure(
+        quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not write output file %1")).arg(output));
 
     DocumentModel model;
-    if (!scanDocument(in, model))
-        fatal(quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
+    const Status scanned = scanDocument(in, model);
+    if (!scanned.ok())
+        return scanned;
+    if (model.pageEndLines.isEmpty())
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
     const qint64 pageCount = model.pageEndLines.size();
     trace(QStringLiteral("Page count: %1").arg(pageCount));
 
     // Publish the page counts and hand the store back to the print path.
-    Variables& variables = Variables::instance();
     const qint64 copies = number(variables.contains(QStringLiteral("copies"))
                                      ? variables.value(QStringLiteral("copies"))
                                      : QStringLiteral("1"));
+    qint64 continuousCount = 0;
+    if (__builtin_mul_overflow(pageCount, copies, &continuousCount)) {
+        qWarning("Value of '%s' is out of range; it counts as 0", "copies");
+        continuousCount = 0;
+    }
     variables.insert(QStringLiteral("NUM_PAGES"), QString::number(pageCount));
-    variables.insert(QStringLiteral("NUM_PAGES_CONTINUOUS"), QString::number(pageCount * copies));
-    variables.write(variablesDevice);
-    variablesDevice.close();
+    variables.insert(QStringLiteral("NUM_PAGES_CONTINUOUS"), QString::number(continuousCount));
+    variables.write(variablesTarget.device());
+    if (safeOutput ? !variablesTarget.flush() : !variablesTarget.commit())
+        return variablesWriteFailure;
 
     in.seek(0);
 
     // The head: up to the prolog, the showpage redefinition and page size,
     // the rest of the head, the marker fonts, then the first "%%Page:" line.
     copyLines(in, out, model.prologLine + 1);
-    const qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
+    qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
+    if (!copyNumbersFit(currentCopy, pageCount)) {
+        qWarning("Value of '%s' is out of range; it counts as 0", "CURRENT_COPY");
+        currentCopy = 0;
+    }
     const QString pageFormat = variables.value(QStringLiteral("PAGE_FORMAT"));
     if (!duplex)
         out.write(RedefineShowpage);
-    if (!pageFormat.isEmpty() && pageFormat != QLatin1String("A4"))
-        out.write(QString::fromLatin1(PageSizeRequest)
-                      .arg(variables.value(QStringLiteral("DEVICEWIDTH")),
-                           variables.value(QStringLiteral("DEVICEHEIGHT")))
-                      .toLatin1());
+    if (safeOutput)
+        out.write(duplex ? DuplexPageGuard : PageGuard);
+    if (!pageFormat.isEmpty() && pageFormat != QLatin1String("A4")) {
+        const QString width = variables.value(QStringLiteral("DEVICEWIDTH"));
+        const QString height = variables.value(QStringLiteral("DEVICEHEIGHT"));
+        if (!safeOutput || (isPaperSize(width) && isPaperSize(height)))
+            out.write(QString::fromLatin1(PageSizeRequest).arg(width, height).toLatin1());
+        else
+            qWarning("Page size '%s' x '%s' is not a pair of positive numbers; no page size is requested",
+                     qPrintable(width), qPrintable(height));
+    }
     copyLines(in, out, model.firstPageLine - model.prologLine);
     Fonts::instance().writeFontResources(out);
     copyLines(in, out, 1);
@@ -140,6 +242,8 @@ void Quillet::process(const QString& input, const QString& templateFile, const Q
 
         if (!duplex) {
             marker.drawMarker(out, int(page), page == pageCount);
+            if (safeOutput)
+                out.write(MarkPage);
             out.write(ShowPageReal);
             copyLines(in, out, 1);
         } else {
@@ -149,6 +253,8 @@ void Quillet::process(const QString& input, const QString& templateFile, const Q
             out.write(boundingBox);
             out.write(PageSetup);
             marker.drawMarker(out, int(page), page == pageCount);
+            if (safeOutput)
+                out.write(MarkPage);
             out.write(BackPageEnd);
             const QByteArray next = in.readLine();
             out.write(next.startsWith(PageComment) ? pageLabel(2 * page + 1) : next);
@@ -156,7 +262,14 @@ void Quillet::process(const QString& input, const QString& templateFile, const Q
         previousEnd = pageEnd;
     }
     copyRest(in, out, duplex ? 2 * pageCount : -1);
-
     in.close();
-    out.close();
+
+    // Every byte is out before anything replaces the originals.
+    if (!outputTarget.flush())
+        return outputWriteFailure;
+    if (safeOutput && !variablesTarget.commit())
+        return variablesWriteFailure;
+    if (!outputTarget.commit())
+        return outputWriteFailure;
+    return Status();
 }

@@ -1,6 +1,8 @@
 // The document filter: scans the input's page structure and writes the marked output.
 #pragma once
 
+#include "common/status.h"
+
 #include <QList>
 #include <QString>
 #include <QtGlobal>
@@ -18,14 +20,16 @@ struct DocumentModel
 class Quillet
 {
 public:
-    // Runs the whole filter on the four files. Every failure is fatal.
-    void process(const QString& input, const QString& templateFile, const QString& variablesFile,
+  // Runs the whole filter on the four files. Returns the first failure,
+  // which ends the run.
+  Status process(const QString& input, const QString& templateFile, const QString& variablesFile,
                  const QString& output, bool duplex);
 
-    // Scans the input from its start into the model and tells the font
-    // catalogue which marker fonts the document already carries. Returns
-    // whether any page end was found; leaves the input at its end.
-    bool scanDocument(QIODevice& input, DocumentModel& model);
+  // Scans the input from its start into the model and tells the font
+  // catalogue which marker fonts the document already carries; leaves the
+  // input at its end. A document without pages leaves the model's page
+  // ends empty; the one failure is a marker font file that cannot be opened.
+  Status scanDocument(QIODevice& input, DocumentModel& model);
 };
 
 // Compares the next lines of the document with every line of the font file,

@@ -2,11 +2,12 @@
 // prints what it found. It is started inside the sandbox, so the font
 // catalogue and the font files it compares come from a fixture tree.
 //
-//   scanprobe DOCUMENT STYLES
+//   scanprobe DOCUMENT STYLES [safe]
 //
 // STYLES is a comma-separated list of marker font style ids (for example
-// "0,1"); the required fonts are those of these styles. Output, one line each:
-//   result=<0|1>            what scanDocument returned
+// "0,1"); the required fonts are those of these styles. "safe" turns on the
+// print-safe corrections (MarkerSafeOutput=1). Output, one line each:
+//   result=<0|1>            whether scanDocument found page ends
 //   prolog=<n>              DocumentModel::prologLine
 //   firstPage=<n>           DocumentModel::firstPageLine
 //   pageEnds=<a,b,...>      DocumentModel::pageEndLines
@@ -16,6 +17,7 @@
 //   findfont=<names>        base fonts the re-encoded marker fonts are built from
 #include "document/quillet.h"
 #include "fonts/fonts.h"
+#include "settings/variables.h"
 
 #include <QBuffer>
 #include <QCoreApplication>
@@ -39,10 +41,12 @@ int main(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
     const QStringList arguments = application.arguments();
-    if (arguments.size() != 3) {
-        std::fprintf(stderr, "usage: scanprobe DOCUMENT STYLES\n");
+    if (arguments.size() != 3 && !(arguments.size() == 4 && arguments.at(3) == QLatin1String("safe"))) {
+        std::fprintf(stderr, "usage: scanprobe DOCUMENT STYLES [safe]\n");
         return 2;
     }
+    if (arguments.size() == 4)
+        Variables::instance().insert(QStringLiteral("MarkerSafeOutput"), QStringLiteral("1"));
 
     QSet<int> styles;
     for (const QString& style : arguments.at(2).split(QLatin1Char(','), Qt::SkipEmptyParts))
@@ -60,7 +64,12 @@ int main(int argc, char* argv[])
     model.prologLine = 99;
     model.firstPageLine = 99;
     model.pageEndLines = {99};
-    const bool result = Quillet().scanDocument(document, model);
+    const Status status = Quillet().scanDocument(document, model);
+    if (!status.ok()) {
+        std::fprintf(stderr, "%s\n", qPrintable(status.message()));
+        return 1;
+    }
+    const bool result = !model.pageEndLines.isEmpty();
 
     QByteArrayList pageEnds;
     for (qint64 end : qAsConst(model.pageEndLines))

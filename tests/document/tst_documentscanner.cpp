@@ -79,7 +79,34 @@ RunResult runQuietly(const FixtureTree& tree, const QStringList& arguments)
     return tree.runQuillet(arguments, {QStringLiteral("QT_LOGGING_RULES=*.warning=false")});
 }
 
+// The model of one scan, for comparisons.
+struct ScanResult
+{
+    qint64 prologLine = -1;
+    qint64 firstPageLine = -1;
+    Positions pageEndLines;
+
+    bool operator==(const ScanResult& other) const
+    {
+        return prologLine == other.prologLine && firstPageLine == other.firstPageLine
+            && pageEndLines == other.pageEndLines;
+    }
+};
+
+char* toString(const ScanResult& result)
+{
+    QStringList ends;
+    for (qint64 end : result.pageEndLines)
+        ends << QString::number(end);
+    return qstrdup(qPrintable(QStringLiteral("prolog %1, first page %2, page ends [%3]")
+                                  .arg(result.prologLine)
+                                  .arg(result.firstPageLine)
+                                  .arg(ends.join(QLatin1Char(',')))));
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(ScanResult)
 
 class TestDocumentScanner : public QObject
 {
@@ -97,6 +124,11 @@ private slots:
     void documentFontResources();
     void missingFontFileIsFatal();
     void refilteredDocumentCarriesEachFontOnce();
+
+    void safePageStructure_data();
+    void safePageStructure();
+    void safeResourcePositionsStayExact_data();
+    void safeResourcePositionsStayExact();
 };
 
 void TestDocumentScanner::init()
@@ -237,7 +269,8 @@ void TestDocumentScanner::pageStructure()
     QBuffer input(&document);
     QVERIFY(input.open(QIODevice::ReadOnly));
     DocumentModel model;
-    const bool result = Quillet().scanDocument(input, model);
+    QVERIFY(Quillet().scanDocument(input, model).ok());
+    const bool result = !model.pageEndLines.isEmpty();
 
     QCOMPARE(model.prologLine, prologLine);
     QCOMPARE(model.firstPageLine, firstPageLine);
@@ -256,7 +289,7 @@ void TestDocumentScanner::modelIsEmptiedAndInputLeftAtEnd()
     model.firstPageLine = 8;
     model.pageEndLines = {9, 10};
 
-    QVERIFY(!Quillet().scanDocument(input, model));
+    QVERIFY(Quillet().scanDocument(input, model).ok());
     QCOMPARE(model.prologLine, qint64(0));
     QCOMPARE(model.firstPageLine, qint64(0));
     QVERIFY(model.pageEndLines.isEmpty());
@@ -413,6 +446,189 @@ void TestDocumentScanner::missingFontFileIsFatal()
     QVERIFY(QFileInfo::exists(tree.path(QStringLiteral("job/out.ps"))));
     QCOMPARE(tree.read(QStringLiteral("job/out.ps")), QByteArray());
     QCOMPARE(tree.read(QStringLiteral("job/vars")), QByteArray());
+}
+
+// With print-safe output the page structure follows the document's own
+// pages: a prolog that an embedded figure brings after the first page, an
+// embedded document that is never closed, end-of-file comments inside a page
+// and pages that lack the "%%PageTrailer" that others have. Each row gives
+// the classic model (kept as it is) and the print-safe one.
+void TestDocumentScanner::safePageStructure_data()
+{
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<ScanResult>("classic");
+    QTest::addColumn<ScanResult>("safe");
+
+    QTest::newRow("no prolog section: a figure's prolog on page 2 is not the document's")
+        << lines({"%!PS-Adobe-3.0",            // 0
+                  "%%Pages: 2",                // 1
+                  "%%EndComments",             // 2
+                  "%%Page: 1 1",               // 3
+                  "(one) pop showpage",        // 4
+                  "%%PageTrailer",             // 5
+                  "%%Page: 2 2",               // 6
+                  "%!PS-Adobe-3.0 EPSF-3.0",   // 7
+                  "%%BeginProlog",             // 8
+                  "%%EndProlog",               // 9
+                  "showpage",                  // 10
+                  "%%PageTrailer",             // 11
+                  "%%EOF"})                    // 12
+        << ScanResult{8, 2, {5, 11}} << ScanResult{0, 2, {5, 11}};
+    QTest::newRow("a prolog before the first page still counts")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%PageTrailer",
+                  "%%BeginProlog", "%%EOF"})
+        << ScanResult{1, 2, {5}} << ScanResult{1, 2, {5}};
+    QTest::newRow("an embedded document that is never closed does not swallow the pages")
+        << lines({"%!PS-Adobe-3.0",               // 0
+                  "%%BeginProlog",                // 1
+                  "%%EndProlog",                  // 2
+                  "%%Page: 1 1",                  // 3
+                  "%%BeginDocument: figure.eps",  // 4
+                  "%!PS-Adobe-3.0 EPSF-3.0",      // 5
+                  "showpage",                     // 6
+                  "%%PageTrailer",                // 7
+                  "%%Page: 2 2",                  // 8
+                  "showpage",                     // 9
+                  "%%PageTrailer",                // 10
+                  "%%Trailer",                    // 11
+                  "%%EOF"})                       // 12
+        << ScanResult{1, 2, {7, 10}} << ScanResult{1, 2, {7, 10}};
+    QTest::newRow("an unclosed embedded document around a closed one: the closed one is still skipped")
+        << lines({"%!PS-Adobe-3.0",               // 0
+                  "%%BeginProlog",                // 1
+                  "%%EndProlog",                  // 2
+                  "%%Page: 1 1",                  // 3
+                  "%%BeginDocument: outer.eps",   // 4
+                  "%%BeginDocument: inner.ps",    // 5
+                  "%%Page: 1 1",                  // 6
+                  "%%PageTrailer",                // 7
+                  "%%EndDocument",                // 8
+                  "showpage",                     // 9
+                  "%%PageTrailer",                // 10
+                  "%%Page: 2 2",                  // 11
+                  "showpage",                     // 12
+                  "%%PageTrailer",                // 13
+                  "%%EOF"})                       // 14
+        << ScanResult{1, 2, {7, 10, 13}} << ScanResult{1, 2, {10, 13}};
+    QTest::newRow("end-of-file comments of a figure pasted into page 1 do not end the document")
+        << lines({"%!PS-Adobe-3.0",           // 0
+                  "%%BeginProlog",            // 1
+                  "%%EndProlog",              // 2
+                  "%%Page: 1 1",              // 3
+                  "%!PS-Adobe-3.0 EPSF-3.0",  // 4
+                  "%%Trailer",                // 5
+                  "%%EOF",                    // 6
+                  "showpage",                 // 7
+                  "%%Page: 2 2",              // 8
+                  "showpage",                 // 9
+                  "%%Page: 3 3",              // 10
+                  "showpage",                 // 11
+                  "%%Trailer",                // 12
+                  "%%EOF"})                   // 13
+        << ScanResult{1, 2, {7, 9, 4}} << ScanResult{1, 2, {7, 9, 11}};
+    QTest::newRow("a figure's %%EOF in the last page: the document's own %%Trailer ends it")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%Page: 2 2",
+                  "%!PS-Adobe-3.0 EPSF-3.0", "%%EOF", "showpage", "%%Trailer", "%%EOF"})
+        << ScanResult{1, 2, {4, 6}} << ScanResult{1, 2, {4, 8}};
+    QTest::newRow("a figure's %%EOF on page 1 and no trailer after the last page: the file's end ends it")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "%%EOF", "showpage",
+                  "%%Page: 2 2", "showpage"})
+        << ScanResult{1, 2, {5, 3}} << ScanResult{1, 2, {5, 7}};
+    QTest::newRow("a page without %%PageTrailer among pages with one still ends")
+        << lines({"%!PS-Adobe-3.0",  // 0
+                  "%%BeginProlog",   // 1
+                  "%%EndProlog",     // 2
+                  "%%Page: 1 1",     // 3
+                  "showpage",        // 4
+                  "%%PageTrailer",   // 5
+                  "%%Page: 2 2",     // 6
+                  "showpage",        // 7
+                  "%%Page: 3 3",     // 8
+                  "showpage",        // 9
+                  "%%PageTrailer",   // 10
+                  "%%Trailer",       // 11
+                  "%%EOF"})          // 12
+        << ScanResult{1, 2, {5, 10}} << ScanResult{1, 2, {5, 7, 10}};
+    QTest::newRow("a last page without %%PageTrailer ends before the trailer")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%PageTrailer",
+                  "%%Page: 2 2", "showpage", "%%Trailer", "%%EOF"})
+        << ScanResult{1, 2, {5}} << ScanResult{1, 2, {5, 7}};
+    QTest::newRow("a last page without %%PageTrailer or trailer ends with the file")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%PageTrailer",
+                  "%%Page: 2 2", "showpage"})
+        << ScanResult{1, 2, {5}} << ScanResult{1, 2, {5, 7}};
+    QTest::newRow("a well-formed document is scanned alike")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%Page: 2 2",
+                  "showpage", "%%Trailer", "%%EOF"})
+        << ScanResult{1, 2, {4, 6}} << ScanResult{1, 2, {4, 6}};
+    QTest::newRow("a single page without %%PageTrailer keeps its trailer line")
+        << lines({"%!PS-Adobe-3.0", "%%BeginProlog", "%%EndProlog", "%%Page: 1 1", "showpage", "%%Trailer",
+                  "%%EOF"})
+        << ScanResult{1, 2, {5}} << ScanResult{1, 2, {5}};
+}
+
+void TestDocumentScanner::safePageStructure()
+{
+    QFETCH(QByteArray, document);
+    QFETCH(ScanResult, classic);
+    QFETCH(ScanResult, safe);
+
+    for (const bool safeOutput : {false, true}) {
+        Variables::instance().insert(QStringLiteral("MarkerSafeOutput"),
+                                     safeOutput ? QStringLiteral("1") : QStringLiteral("0"));
+        QBuffer input(&document);
+        QVERIFY(input.open(QIODevice::ReadOnly));
+        DocumentModel model;
+        QVERIFY(Quillet().scanDocument(input, model).ok());
+        QVERIFY(input.atEnd());
+        const ScanResult found{model.prologLine, model.firstPageLine, model.pageEndLines};
+        QCOMPARE(found, safeOutput ? safe : classic);
+    }
+}
+
+// With print-safe output a marker font resource whose content differs from
+// the catalogue's keeps the later positions exact, however many there are.
+void TestDocumentScanner::safeResourcePositionsStayExact_data()
+{
+    QTest::addColumn<int>("resources");
+
+    QTest::newRow("one non-matching resource") << 1;
+    QTest::newRow("two non-matching resources") << 2;
+    QTest::newRow("forty non-matching resources") << 40;
+}
+
+void TestDocumentScanner::safeResourcePositionsStayExact()
+{
+    QFETCH(int, resources);
+
+    QByteArrayList content = {"%!PS-Adobe-3.0", "%%BeginProlog"};
+    for (int i = 0; i < resources; ++i)
+        content << "%%BeginResource: font TinySans" << "/TinySans " + QByteArray::number(i) + " def"
+                << "%%EndResource";
+    content << "%%EndProlog" << "%%Page: 1 1" << "a" << "%%PageTrailer" << "%%Page: 2 2" << "b" << "%%PageTrailer"
+            << "%%EOF";
+    const qint64 r = 3 * resources;
+
+    FixtureTree tree;
+    tree.copy(tinyCatalogueDir(), QStringLiteral("share-cups"));
+    tree.write(QStringLiteral("job/document.ps"), lines(content));
+    for (const bool safeOutput : {false, true}) {
+        QStringList arguments = {QStringLiteral("document.ps"), QStringLiteral("0")};
+        if (safeOutput)
+            arguments << QStringLiteral("safe");
+        const RunResult run = tree.runInSandbox(QStringLiteral(SCANPROBE), arguments);
+        QVERIFY2(!run.crashed && run.exitCode == 0, run.standardError.constData());
+        QMap<QString, QString> found;
+        for (const QByteArray& line : run.standardOutput.split('\n')) {
+            const int equals = line.indexOf('=');
+            if (equals > 0)
+                found.insert(QString::fromLatin1(line.left(equals)), QString::fromLatin1(line.mid(equals + 1)));
+        }
+        // Classic: each such resource lowers later positions by one.
+        const qint64 lowered = safeOutput ? 0 : resources;
+        QCOMPARE(found.value(QStringLiteral("firstPage")).toLongLong(), 2 + r - lowered);
+        QCOMPARE(positions(found.value(QStringLiteral("pageEnds"))), (Positions{5 + r - lowered, 8 + r - lowered}));
+    }
 }
 
 void TestDocumentScanner::refilteredDocumentCarriesEachFontOnce()

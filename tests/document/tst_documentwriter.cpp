@@ -151,8 +151,22 @@ QByteArray withoutFontResources(const QByteArray& output)
     return removeAll(output, "%%BeginResource: font TinySans\n", "/Marker-Normal exch definefont pop\n");
 }
 
-const QByteArray ShowpageRedefinition = "/showpagereal /showpage load def\n/showpage {} def\n";
 const QByteArray PageNumberTemplate = "any:normal:12::top-left:{CURRENT_PAGE}/{CURRENT_PAGE_CONTINUOUS}\n";
+const QByteArray ShowpageRedefinition = "/showpagereal /showpage load def\n/showpage {} def\n";
+// The print-safe guard that follows it: only marked pages are shown.
+const QByteArray PageGuard = "userdict /QuilletPageMarked false put\n"
+                             "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
+                             "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
+                             ">> setpagedevice\n";
+// The duplex guard: a document page is shown only after a marked one.
+const QByteArray DuplexPageGuard =
+    "userdict /QuilletPageMarked false put\n"
+    "userdict /QuilletFrontShown false put\n"
+    "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known { get } { pop pop false } ifelse "
+    "{ userdict /QuilletPageMarked false put userdict /QuilletFrontShown false put true } "
+    "{ userdict /QuilletFrontShown 2 copy known { get } { pop pop false } ifelse "
+    "{ false } { userdict /QuilletFrontShown true put true } ifelse } ifelse } { false } ifelse } "
+    ">> setpagedevice\n";
 
 } // namespace
 
@@ -311,6 +325,30 @@ void TestDocumentWriter::pageSizeRequest_data()
         << lines({"%!PS-Adobe-3.0", "%%Pages: 1", "%%Page: 1 1", "showpage", "%%PageTrailer"})
         << "PAGE_FORMAT=a4\n" + sizes << false
         << "%!PS-Adobe-3.0\n" + ShowpageRedefinition + request + "%%Pages: 1\n%%BeginResource: font TinySans\n";
+
+    // Print-safe output: only plain positive numbers reach the request; with
+    // anything else the request is left out (the device's own paper).
+    const QByteArray safe = "MarkerSafeOutput=1\nPAGE_FORMAT=Letter\n";
+    const QByteArray safeBefore = before + ShowpageRedefinition + PageGuard;
+    QTest::newRow("print-safe: plain numbers are requested")
+        << document << safe + "DEVICEWIDTH=612\nDEVICEHEIGHT=792.5\n" << false
+        << safeBefore + "<< /PageSize [ 612 792.5 ] /ImagingBBox null >> setpagedevice\n" + after;
+    QTest::newRow("print-safe: PostScript in a device size is not copied")
+        << document << safe + "DEVICEWIDTH=612 ] >> setpagedevice erasepage [ 1\nDEVICEHEIGHT=792\n" << false
+        << safeBefore + after;
+    QTest::newRow("print-safe: a unit after the number")
+        << document << safe + "DEVICEWIDTH=612\nDEVICEHEIGHT=792pt\n" << false << safeBefore + after;
+    QTest::newRow("print-safe: an absent device size")
+        << document << safe + "DEVICEWIDTH=612\n" << false << safeBefore + after;
+    QTest::newRow("print-safe: not a finite number")
+        << document << safe + "DEVICEWIDTH=nan\nDEVICEHEIGHT=inf\n" << false << safeBefore + after;
+    QTest::newRow("print-safe: zero and negative sizes")
+        << document << safe + "DEVICEWIDTH=0\nDEVICEHEIGHT=-792\n" << false << safeBefore + after;
+    QTest::newRow("print-safe: more digits than any paper")
+        << document << safe + "DEVICEWIDTH=" + QByteArray(400, '9') + "\nDEVICEHEIGHT=792\n" << false
+        << safeBefore + after;
+    QTest::newRow("print-safe, duplex: a bad device size is left out")
+        << document << safe + "DEVICEWIDTH=(x)\nDEVICEHEIGHT=792\n" << true << before + DuplexPageGuard + after;
 }
 
 void TestDocumentWriter::pageSizeRequest()
@@ -340,6 +378,18 @@ void TestDocumentWriter::pageCounts_data()
     QTest::newRow("copies empty: 0") << QByteArray("copies=\n") << QByteArray("0");
     QTest::newRow("copies read in base 10 only") << QByteArray("copies=0x2\n") << QByteArray("0");
     QTest::newRow("copies negative: passed on") << QByteArray("copies=-1\n") << QByteArray("-3");
+    // Page arithmetic never overflows: a count whose product does not fit in
+    // 64 bits counts as 0, like text that is not a number.
+    QTest::newRow("copies as large as the product allows")
+        << QByteArray("copies=3074457345618258602\n") << QByteArray("9223372036854775806");
+    QTest::newRow("copies whose product overflows: 0")
+        << QByteArray("copies=3074457345618258603\n") << QByteArray("0");
+    QTest::newRow("copies at the largest 64-bit number: 0")
+        << QByteArray("copies=9223372036854775807\n") << QByteArray("0");
+    QTest::newRow("copies at the smallest 64-bit number: 0")
+        << QByteArray("copies=-9223372036854775808\n") << QByteArray("0");
+    QTest::newRow("copies beyond 64 bits is not a number: 0")
+        << QByteArray("copies=99999999999999999999\n") << QByteArray("0");
 }
 
 void TestDocumentWriter::pageCounts()
@@ -373,6 +423,23 @@ void TestDocumentWriter::continuousPageNumbers_data()
         << QByteArray("CURRENT_COPY=two\n") << false << QList<QStringList>{{"1/-2"}, {"2/-1"}, {"3/0"}};
     QTest::newRow("duplex: the back pages carry the numbers of their pages")
         << QByteArray("CURRENT_COPY=2\n") << true << QList<QStringList>{{"1/4"}, {"2/5"}, {"3/6"}};
+    // Page arithmetic never overflows: a copy number whose page numbers do not
+    // fit in 64 bits counts as 0, like text that is not a number.
+    QTest::newRow("CURRENT_COPY as large as the page numbers allow")
+        << QByteArray("CURRENT_COPY=3074457345618258602\n") << false
+        << QList<QStringList>{{"1/9223372036854775804"}, {"2/9223372036854775805"}, {"3/9223372036854775806"}};
+    QTest::newRow("CURRENT_COPY whose page numbers overflow counts as 0")
+        << QByteArray("CURRENT_COPY=3074457345618258603\n") << false
+        << QList<QStringList>{{"1/-2"}, {"2/-1"}, {"3/0"}};
+    QTest::newRow("CURRENT_COPY at the largest 64-bit number counts as 0")
+        << QByteArray("CURRENT_COPY=9223372036854775807\n") << false
+        << QList<QStringList>{{"1/-2"}, {"2/-1"}, {"3/0"}};
+    QTest::newRow("CURRENT_COPY at the smallest 64-bit number counts as 0")
+        << QByteArray("CURRENT_COPY=-9223372036854775808\n") << true
+        << QList<QStringList>{{"1/-2"}, {"2/-1"}, {"3/0"}};
+    QTest::newRow("CURRENT_COPY as small as the page numbers allow")
+        << QByteArray("CURRENT_COPY=-3074457345618258601\n") << false
+        << QList<QStringList>{{"1/-9223372036854775805"}, {"2/-9223372036854775804"}, {"3/-9223372036854775803"}};
 }
 
 void TestDocumentWriter::continuousPageNumbers()

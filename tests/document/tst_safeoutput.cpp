@@ -10,7 +10,15 @@
 //     document: their page, trailer and end-of-file comments are not the
 //     document's own;
 //   - a hand-written document that checks its own graphics state, font,
-//     dictionary stack and names right after every marker block.
+//     dictionary stack and names right after every marker block;
+//   - hand-written documents that show a page by another route than their
+//     own showpage (the real one from systemdict or taken before the
+//     redefinition, copypage), and documents whose structure misleads the
+//     classic scan (a figure's prolog after the first page, an embedded
+//     document never closed, a figure's end-of-file comments inside a page,
+//     a page without the page trailer that the others have, marker fonts
+//     that differ from the installed ones): every page that Ghostscript shows
+//     must carry the marks.
 //
 // Every correction is shown twice: without the key Ghostscript shows the
 // failure, with the key the output prints as it should. Byte comparisons
@@ -238,6 +246,11 @@ private slots:
     void safeOutputAddsOnlyItsCorrections_data();
     void safeOutputAddsOnlyItsCorrections();
 
+    void unmarkedPagesWithoutKey_data();
+    void unmarkedPagesWithoutKey();
+    void everyShownPageMarkedWithKey_data();
+    void everyShownPageMarkedWithKey();
+
 private:
     QString make(const QString& name) const { return m_work.filePath(name); }
     // Runs a tool in the work folder; on failure m_toolError says why.
@@ -341,6 +354,17 @@ void TestSafeOutput::initTestCase()
     QVERIFY2(addDocument(QStringLiteral("state"), QStringLiteral("state check"), sources + QStringLiteral("state-check.ps")),
              qPrintable(m_toolError));
     QCOMPARE(m_documents.value(QStringLiteral("state")).pages, 3);
+
+    // Pages shown by other routes, and misleading structure.
+    const QList<QPair<const char*, int>> routes = {
+        {"route-systemdict", 4},  {"route-early-showpage", 3}, {"route-copypage", 4},
+        {"late-prolog", 2},       {"unclosed-document", 3},    {"eof-in-page", 3},
+        {"mixed-page-trailers", 3}, {"conflicting-fonts", 2}};
+    for (const auto& route : routes) {
+        const QString key = QLatin1String(route.first);
+        QVERIFY2(addDocument(key, key, sources + key + QStringLiteral(".ps")), qPrintable(m_toolError));
+        QCOMPARE(m_documents.value(key).pages, route.second);
+    }
 }
 
 // Runs the filter once per combination and keeps the result. The definitions
@@ -828,10 +852,11 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections_data()
 }
 
 // On a document without embedded documents the print-safe output is the
-// classic output plus the marker fonts' underline metrics and the lines that
-// open and close every marker block; taken out, the rest is the classic
-// output byte for byte, so each page is still shown by the same
-// "showpagereal" (simplex) or "showpage" (duplex) line.
+// classic output plus the marker fonts' underline metrics, the lines that
+// open and close every marker block, the page guard after the prolog line
+// and the line that marks each page for it; taken out,
+// the rest is the classic output byte for byte, so each page is still shown
+// by the same "showpagereal" (simplex) or "showpage" (duplex) line.
 void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
 {
     QFETCH(QByteArray, markerTemplate);
@@ -846,6 +871,8 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
     int blockClosings = 0;
     int fontInfos = 0;
     int metricProcedures = 0;
+    int guards = 0;
+    const QByteArray markPage = "userdict /QuilletPageMarked true put\n";
     const QList<QByteArray> lines = splitLines(safe.bytes);
     for (int i = 0; i < lines.size(); ++i) {
         const QByteArray& line = lines.at(i);
@@ -853,9 +880,20 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
             ++blockOpenings;
             continue;
         }
-        if (line == "end restore\n"
-            && (lines.value(i + 1) == (duplex ? "showpage\n" : "showpagereal\n"))) {
+        if (line == "end restore\n" && lines.value(i + 1) == markPage
+            && lines.value(i + 2) == (duplex ? "showpage\n" : "showpagereal\n")) {
             ++blockClosings;
+            ++i;
+            continue;
+        }
+        // The guard: its flags, then the EndPage procedure.
+        const int flags = duplex ? 2 : 1;
+        if (line == "userdict /QuilletPageMarked false put\n"
+            && (!duplex || lines.value(i + 1) == "userdict /QuilletFrontShown false put\n")
+            && lines.value(i + flags).startsWith("<< /EndPage {")
+            && lines.value(i + flags).endsWith(">> setpagedevice\n")) {
+            ++guards;
+            i += flags;
             continue;
         }
         if (line == "/markerUnderlineMetric {\n" || line == "/FontInfo 2 dict dup begin\n") {
@@ -870,11 +908,123 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
     const int pages = m_documents.value(QStringLiteral("enscript")).pages;
     QCOMPARE(blockOpenings, pages);
     QCOMPARE(blockClosings, pages);
+    QCOMPARE(guards, 1);
     QCOMPARE(metricProcedures, 1);
     // One composite font per style that the template uses.
     QCOMPARE(fontInfos, markerTemplate.contains(":bold:") ? 2 : 1);
     const QByteArray remaining = rest.join();
     QVERIFY2(remaining == classic.bytes, qPrintable(firstDifference(remaining, classic.bytes)));
+}
+
+namespace {
+
+// Rows of the route and structure documents: `route` when the document shows
+// a page by another route than its own showpage, or more than one page
+// within one of its pages (in duplex, where the marks go on the back pages,
+// that leaves a sheet without them). With
+// classicFailuresOnly, only the rows whose classic output misplaces or drops
+// marks (an unclosed embedded document broke only the earlier print-safe
+// scan).
+void addRouteRows(bool classicFailuresOnly)
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<bool>("duplex");
+    QTest::addColumn<bool>("route");
+
+    for (const bool duplex : {false, true}) {
+        const char* mode = duplex ? "duplex" : "simplex";
+        // In duplex the document's showpage is the real one, so a showpage
+        // taken before the prolog is no other route there.
+        for (const char* route : {"route-systemdict", "route-early-showpage", "route-copypage"}) {
+            if (!classicFailuresOnly || !duplex || qstrcmp(route, "route-early-showpage") != 0)
+                QTest::addRow("%s, %s", route, mode) << QString::fromLatin1(route) << duplex << true;
+        }
+        for (const char* document : {"late-prolog", "unclosed-document", "eof-in-page", "mixed-page-trailers",
+                                     "conflicting-fonts"}) {
+            const bool classicFails = qstrcmp(document, "unclosed-document") != 0;
+            if (classicFails || !classicFailuresOnly)
+                QTest::addRow("%s, %s", document, mode) << QString::fromLatin1(document) << duplex << false;
+        }
+    }
+}
+
+// The first rendered page without ink in both margin bands; empty when every
+// page carries the marks. In duplex every second page (the back pages) must
+// carry them, and the pages come in pairs.
+QString unmarkedPage(const QList<GrayPage>& pages, bool duplex)
+{
+    if (duplex && pages.size() % 2 != 0)
+        return QStringLiteral("%1 pages: not pairs of a document page and its back page").arg(pages.size());
+    for (int i = duplex ? 1 : 0; i < pages.size(); i += duplex ? 2 : 1) {
+        const GrayPage& page = pages.at(i);
+        const int topBand = pointsToPixels(TopBandPoints, Resolution);
+        const int bottomBand = pointsToPixels(BottomBandPoints, Resolution);
+        if (inkPixels(page, QRect(0, 0, page.width, topBand)) == 0
+            || inkPixels(page, QRect(0, page.height - bottomBand, page.width, bottomBand)) == 0)
+            return QStringLiteral("page %1 of %2 is shown without the marks").arg(i + 1).arg(pages.size());
+    }
+    return QString();
+}
+
+} // namespace
+
+void TestSafeOutput::unmarkedPagesWithoutKey_data()
+{
+    addRouteRows(true);
+}
+
+// Without the key a page shown by another route carries no marks, and the
+// misleading structures misplace the marks, drop pages or stop the job.
+void TestSafeOutput::unmarkedPagesWithoutKey()
+{
+    QFETCH(QString, document);
+    QFETCH(bool, duplex);
+    QFETCH(bool, route);
+
+    const Document& input = m_documents[document];
+    const Job& marked = job(document, MarkTemplate, duplex);
+    QString renderError;
+    const QList<GrayPage> pages = renderPages(marked.output, Resolution, &renderError);
+    if (route) {
+        QVERIFY2(marked.run.exitCode == 0 && renderError.isEmpty(), qPrintable(describeRun(marked.run) + renderError));
+        QVERIFY(!unmarkedPage(pages, duplex).isEmpty());
+    } else {
+        QVERIFY(!compareWithInput(input, pages, duplex).isEmpty() || !renderError.isEmpty());
+    }
+}
+
+void TestSafeOutput::everyShownPageMarkedWithKey_data()
+{
+    addRouteRows(false);
+}
+
+// With the key every page that Ghostscript shows carries the marks (duplex:
+// every document page is followed by its marked back page). A page shown by
+// another route is not shown at all (the guard refuses it); the documents
+// with misleading structure print page for page as the input, with the marks
+// in the bands (duplex: on the back pages).
+void TestSafeOutput::everyShownPageMarkedWithKey()
+{
+    QFETCH(QString, document);
+    QFETCH(bool, duplex);
+    QFETCH(bool, route);
+
+    const Document& input = m_documents[document];
+    const Job& marked = job(document, MarkTemplate, duplex, SafeOutput);
+    QVERIFY2(marked.run.exitCode == 0 && !marked.bytes.isEmpty(), qPrintable(describeRun(marked.run)));
+    const QString errors = ghostscriptErrors(marked.output);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    QString renderError;
+    const QList<GrayPage> pages = renderPages(marked.output, Resolution, &renderError);
+    QVERIFY2(renderError.isEmpty(), qPrintable(renderError));
+    if (route) {
+        QVERIFY(pages.size() >= (duplex ? 2 : 1) * (input.pages - 1));
+        const QString problem = unmarkedPage(pages, duplex);
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    } else {
+        const QString problem = compareWithInput(input, pages, duplex);
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestSafeOutput)

@@ -1,8 +1,7 @@
-// Error reporting on standard error.
-#include "app/fatal.h"
+// Printing the message of a failed run on standard error.
+#include "app/printerror.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 void printError(const QString& message)
 {
@@ -11,10 +10,4 @@ void printError(const QString& message)
         bytes.append('\n');
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
     std::fflush(stderr);
-}
-
-void fatal(const QString& message)
-{
-    printError(message);
-    std::exit(1);
 }
