@@ -7,6 +7,8 @@
 #include "document/quillet.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
+#include "pagecode/pagecoder.h"
+#include "settings/definitionsfile.h"
 #include "settings/variables.h"
 
 #include <QCommandLineParser>
@@ -41,14 +43,9 @@ void loadVariables(const QString& variablesFile)
     variables.insert(QStringLiteral("TIME"), QTime::currentTime().toString(QStringLiteral("hh:mm:ss")));
     file.close();
 
-    // The site's file in the configuration directory wins over the shipped
-    // one; only the shipped one lives in the program's own subdirectory.
-    file.setFileName(QLatin1String(CupsServerRoot) + QLatin1String("/marker.defs"));
-    if (!file.exists()) {
-        file.setFileName(QLatin1String(CupsDataDir) + QLatin1String("/quillet/marker.defs"));
-        if (!file.exists())
-            fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
-    }
+    file.setFileName(markerDefinitionsFile());
+    if (!file.exists())
+        fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
     if (!file.open(QIODevice::ReadOnly))
         fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1")).arg(file.fileName()));
     variables.read(file);
@@ -118,6 +115,9 @@ int quilletMain(int argc, char* argv[])
         fatal(mainText(QT_TRANSLATE_NOOP("main", "Variables file %1 doesn't exist")).arg(variablesFile));
 
     loadVariables(variablesFile);
+    const QString pageCodeError = PageCoder::instance().setUp(Variables::instance());
+    if (!pageCodeError.isEmpty())
+        fatal(pageCodeError);
     loadTemplate(templateFile);
 
     Fonts& fonts = Fonts::instance();
