@@ -15,7 +15,8 @@
 
 Q_DECLARE_METATYPE(PageCodeReading)
 
-namespace {
+namespace
+{
 
 // The key of the known answers: bytes 0, 1, ..., 31.
 QByteArray countingSecret()
@@ -58,7 +59,7 @@ class TestPageCode : public QObject
 {
     Q_OBJECT
 
-private slots:
+  private slots:
     void knownAnswers_data();
     void knownAnswers();
     void derivationKnownAnswers_data();
@@ -83,7 +84,7 @@ private slots:
     void coderSetUp();
     void coderMakesEachPagesCode();
 
-private:
+  private:
     QTemporaryDir m_dir;
 };
 
@@ -98,12 +99,12 @@ void TestPageCode::knownAnswers_data()
     QTest::addColumn<QDate>("date");
     QTest::addColumn<QString>("code");
 
-    QTest::newRow("job 1234, page 2, copy 3") << 1234LL << 2LL << 3LL << QDate(2026, 11, 23)
-                                              << "HV32-RJU4-QE6J-VKVP-3N98-RBJE";
-    QTest::newRow("every field at its largest") << 16777215LL << 65535LL << 1023LL << QDate(2068, 11, 8)
-                                                << "CDT6-WEMS-2C7W-5DFK-DRYA-A3TU";
-    QTest::newRow("job 0 on the first day") << 0LL << 1LL << 1LL << QDate(2024, 1, 1)
-                                            << "AEAS-MW8W-WKRF-U9UP-TXSE-MQA7";
+    QTest::newRow("job 1234, page 2, copy 3")
+        << 1234LL << 2LL << 3LL << QDate(2026, 11, 23) << "HV32-RJU4-QE6J-VKVP-3N98-RBJE";
+    QTest::newRow("every field at its largest")
+        << 16777215LL << 65535LL << 1023LL << QDate(2068, 11, 8) << "CDT6-WEMS-2C7W-5DFK-DRYA-A3TU";
+    QTest::newRow("job 0 on the first day")
+        << 0LL << 1LL << 1LL << QDate(2024, 1, 1) << "AEAS-MW8W-WKRF-U9UP-TXSE-MQA7";
 }
 
 void TestPageCode::knownAnswers()
@@ -125,8 +126,11 @@ void TestPageCode::derivationKnownAnswers_data()
     QTest::addColumn<quint32>("job");
     QTest::addColumn<QByteArray>("secret");
 
-    QTest::newRow("job 1234") << 1234u << QByteArray("5ad9329568f99b58012289264a1633b12082d239f67f60f687050e2ac305cf09");
-    QTest::newRow("job 0") << 0u << QByteArray("ac185ac83d721aacc5246044efc32b060595be4b35ff4bc4221a31dd6f5ae94c");
+    QTest::newRow("job 1234") << 1234u
+                              << QByteArray(
+                                     "5ad9329568f99b58012289264a1633b12082d239f67f60f687050e2ac305cf09");
+    QTest::newRow("job 0") << 0u
+                           << QByteArray("ac185ac83d721aacc5246044efc32b060595be4b35ff4bc4221a31dd6f5ae94c");
 }
 
 void TestPageCode::derivationKnownAnswers()
@@ -230,7 +234,8 @@ void TestPageCode::typedFormsAreAccepted_data()
     QTest::newRow("lower case") << code.toLower();
     QTest::newRow("without separators") << QString(code).remove(QLatin1Char('-'));
     QTest::newRow("lower case without separators") << QString(code).remove(QLatin1Char('-')).toLower();
-    QTest::newRow("blanks instead of separators") << QString(code).replace(QLatin1Char('-'), QLatin1Char(' '));
+    QTest::newRow("blanks instead of separators")
+        << QString(code).replace(QLatin1Char('-'), QLatin1Char(' '));
     QTest::newRow("surrounding blanks") << QStringLiteral("  ") + code + QStringLiteral("\n");
 }
 
@@ -257,9 +262,12 @@ void TestPageCode::malformedCodesAreNotAuthentic_data()
     QTest::newRow("zero for a letter") << QStringLiteral("0") + plain.mid(1) << PageCodeReading::BadCharacter;
     QTest::newRow("letter O") << QStringLiteral("O") + plain.mid(1) << PageCodeReading::BadCharacter;
     QTest::newRow("digit one") << plain.left(23) + QLatin1Char('1') << PageCodeReading::BadCharacter;
-    QTest::newRow("letter I") << plain.left(10) + QLatin1Char('I') + plain.mid(11) << PageCodeReading::BadCharacter;
-    QTest::newRow("letter l") << plain.left(10) + QLatin1Char('l') + plain.mid(11) << PageCodeReading::BadCharacter;
-    QTest::newRow("punctuation") << plain.left(12) + QLatin1Char('.') + plain.mid(13) << PageCodeReading::BadCharacter;
+    QTest::newRow("letter I") << plain.left(10) + QLatin1Char('I') + plain.mid(11)
+                              << PageCodeReading::BadCharacter;
+    QTest::newRow("letter l") << plain.left(10) + QLatin1Char('l') + plain.mid(11)
+                              << PageCodeReading::BadCharacter;
+    QTest::newRow("punctuation") << plain.left(12) + QLatin1Char('.') + plain.mid(13)
+                                 << PageCodeReading::BadCharacter;
     QTest::newRow("a letter outside ASCII")
         << plain.left(12) + QChar(0x0410) + plain.mid(13) << PageCodeReading::BadCharacter;
     QTest::newRow("largest spelling") << QString(24, QLatin1Char('Z')) << PageCodeReading::OutOfRange;
@@ -330,7 +338,8 @@ void TestPageCode::codeOfOnePageDoesNotPassAsAnother()
     quint64 data = 0;
     PageCodeReading why = PageCodeReading::Authentic;
     QVERIFY(PageCode::decompose(second, &mac, &data, &why));
-    const QString claimed = PageCode::compose(mac, PageCode::packFields(fields(900, 3, 1, QDate(2026, 6, 1))));
+    const QString claimed =
+        PageCode::compose(mac, PageCode::packFields(fields(900, 3, 1, QDate(2026, 6, 1))));
     QCOMPARE(countingKey().read(claimed, &read), PageCodeReading::NotAuthentic);
 }
 
@@ -394,16 +403,18 @@ void TestPageCode::keyFilesAreParsed_data()
     QTest::addColumn<QString>("error");
 
     const QByteArray hex = countingSecret().toHex();
-    const QString notAKeyLine = QStringLiteral("its key line is neither \"site SECRET\" nor \"job ID SECRET\"");
+    const QString notAKeyLine =
+        QStringLiteral("its key line is neither \"site SECRET\" nor \"job ID SECRET\"");
     const QString badValue =
         QStringLiteral("the secret must be 64 hexadecimal digits and a job id a number below 16777216");
     QTest::newRow("site key") << SiteKeyText << true << QString();
-    QTest::newRow("comments, blank lines and blanks around")
-        << "# a comment\n\n   site   " + hex + "  \r\n" << true << QString();
+    QTest::newRow("comments, blank lines and blanks around") << "# a comment\n\n   site   " + hex + "  \r\n"
+                                                             << true << QString();
     QTest::newRow("upper-case digits") << "site " + hex.toUpper() + '\n' << true << QString();
     QTest::newRow("job key") << "job 1234 " + hex + '\n' << true << QString();
     QTest::newRow("empty file") << QByteArray() << false << QStringLiteral("it holds no key line");
-    QTest::newRow("comments only") << QByteArray("# site\n\n") << false << QStringLiteral("it holds no key line");
+    QTest::newRow("comments only") << QByteArray("# site\n\n") << false
+                                   << QStringLiteral("it holds no key line");
     QTest::newRow("unknown kind") << "master " + hex << false << notAKeyLine;
     QTest::newRow("secret missing") << QByteArray("site\n") << false << notAKeyLine;
     QTest::newRow("secret too short") << "site " + hex.left(62) << false << badValue;
@@ -438,7 +449,8 @@ void TestPageCode::coderSetUp_data()
 
     QTest::newRow("no setting: off") << QByteArray("job-id=1\n") << false << QString();
     QTest::newRow("empty setting: off") << QByteArray("job-id=1\nMarkerPageCodeKey=\n") << false << QString();
-    QTest::newRow("site key") << QByteArray("job-id=1234\nMarkerPageCodeKey=@DIR@/key.site\n") << true << QString();
+    QTest::newRow("site key") << QByteArray("job-id=1234\nMarkerPageCodeKey=@DIR@/key.site\n") << true
+                              << QString();
     QTest::newRow("key of this job") << QByteArray("job-id=1234\nMarkerPageCodeKey=@DIR@/key.job\n") << true
                                      << QString();
     QTest::newRow("key of another job")
@@ -449,13 +461,16 @@ void TestPageCode::coderSetUp_data()
     QTest::newRow("unreadable key file") << QByteArray("job-id=1\nMarkerPageCodeKey=@DIR@/key.dir\n") << false
                                          << QStringLiteral("Can not read page-code key file @DIR@/key.dir");
     QTest::newRow("not a key") << QByteArray("job-id=1\nMarkerPageCodeKey=@DIR@/key.bad\n") << false
-                               << QStringLiteral("Page-code key file @DIR@/key.bad is not a key: it holds no key line");
+                               << QStringLiteral(
+                                      "Page-code key file @DIR@/key.bad is not a key: it holds no key line");
     QTest::newRow("no job id") << QByteArray("MarkerPageCodeKey=@DIR@/key.site\n") << false
                                << QStringLiteral("Page codes need the job's number, but job-id is \"\"");
-    QTest::newRow("job id not a number") << QByteArray("job-id=12a\nMarkerPageCodeKey=@DIR@/key.site\n") << false
-                                         << QStringLiteral("Page codes need the job's number, but job-id is \"12a\"");
+    QTest::newRow("job id not a number")
+        << QByteArray("job-id=12a\nMarkerPageCodeKey=@DIR@/key.site\n") << false
+        << QStringLiteral("Page codes need the job's number, but job-id is \"12a\"");
     QTest::newRow("negative job id") << QByteArray("job-id=-3\nMarkerPageCodeKey=@DIR@/key.site\n") << false
-                                     << QStringLiteral("Page codes need the job's number, but job-id is \"-3\"");
+                                     << QStringLiteral(
+                                            "Page codes need the job's number, but job-id is \"-3\"");
 }
 
 void TestPageCode::coderSetUp()
