@@ -455,6 +455,9 @@ void TestVerify::verdictsAndExitStatus_data()
     QTest::newRow("missing key file")
         << defs << QStringList{"--key", "nothing.key", "@CODE@"} << 1 << QByteArray()
         << QByteArray("Page-code key file nothing.key doesn't exist\n");
+    QTest::newRow("no definitions at all")
+        << QByteArray("@NONE@") << QStringList{"@CODE@"} << 1 << QByteArray()
+        << QByteArray("Can not read marker definition file /usr/share/cups/quillet/marker.defs\n");
     QTest::newRow("definitions without the setting")
         << QByteArray("MarkerTopShift=10\n") << QStringList{"@CODE@"} << 1 << QByteArray()
         << QByteArray(
@@ -476,8 +479,10 @@ void TestVerify::verdictsAndExitStatus()
     FixtureTree tree;
     tree.write(QStringLiteral("job/site.key"), keyText);
     tree.write(QStringLiteral("etc-cups/quillet/site.key"), keyText);
-    // No site definitions: the shipped ones name the key.
-    if (definitions.isEmpty())
+    // No site definitions: the shipped ones name the key; "@NONE@": neither.
+    if (definitions == "@NONE@")
+        QVERIFY(!tree.exists(QStringLiteral("share-cups/quillet/marker.defs")));
+    else if (definitions.isEmpty())
         tree.write(QStringLiteral("share-cups/quillet/marker.defs"),
                    "MarkerPageCodeKey=/etc/cups/quillet/site.key\n");
     else
