@@ -9,6 +9,8 @@
 #include "document/quillet.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
+#include "pagecode/pagecoder.h"
+#include "settings/definitionsfile.h"
 #include "settings/variables.h"
 
 #include <QCommandLineParser>
@@ -44,16 +46,10 @@ Status loadVariables(const QString& variablesFile)
     variables.insert(QStringLiteral("TIME"), QTime::currentTime().toString(QStringLiteral("hh:mm:ss")));
     file.close();
 
-    // The site's file in the configuration directory wins over the shipped
-    // one; only the shipped one lives in the program's own subdirectory.
-    file.setFileName(QLatin1String(CupsServerRoot) + QLatin1String("/marker.defs"));
-    if (!file.exists()) {
-        file.setFileName(QLatin1String(CupsDataDir) + QLatin1String("/quillet/marker.defs"));
-        if (!file.exists())
-            return Status::failure(
-                mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1"))
-                    .arg(file.fileName()));
-    }
+    file.setFileName(markerDefinitionsFile());
+    if (!file.exists())
+        return Status::failure(
+            mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
     if (!file.open(QIODevice::ReadOnly))
         return Status::failure(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1"))
                                    .arg(file.fileName()));
@@ -74,6 +70,13 @@ Status loadTemplate(const QString& templateFile)
 }
 
 // Checks that the three files to read exist, in the order of the arguments.
+// Page codes: the key named by the definitions, if any, is read once here.
+Status setUpPageCodes()
+{
+    const QString error = PageCoder::instance().setUp(Variables::instance());
+    return error.isEmpty() ? Status() : Status::failure(error);
+}
+
 Status checkFilesExist(const QString& input, const QString& templateFile, const QString& variablesFile)
 {
     if (!QFile::exists(input))
@@ -95,6 +98,8 @@ Status run(const QString& input, const QString& templateFile, const QString& var
     Status status = checkFilesExist(input, templateFile, variablesFile);
     if (status.ok())
         status = loadVariables(variablesFile);
+    if (status.ok())
+        status = setUpPageCodes();
     if (status.ok())
         status = loadTemplate(templateFile);
     if (!status.ok())

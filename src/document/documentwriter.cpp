@@ -7,6 +7,7 @@
 #include "common/trace.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
+#include "pagecode/pagecoder.h"
 #include "settings/variables.h"
 
 #include "document/targetfile.h"
@@ -239,6 +240,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         variables.insert(QStringLiteral("CURRENT_PAGE"), QString::number(page));
         variables.insert(QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
                          QString::number((currentCopy - 1) * pageCount + page));
+        if (PageCoder::instance().isOn())
+            variables.insert(QStringLiteral("PAGE_CODE"), PageCoder::instance().code(page));
 
         if (!duplex) {
             marker.drawMarker(out, int(page), page == pageCount);

@@ -1,6 +1,7 @@
 // The installable product: what `cmake --install` and the Debian package put
 // on a print server, and that the installed program marks the example job.
 #include "common/paths.h"
+#include "pagecode/pagecodekey.h"
 #include "support/postscripttools.h"
 #include "support/testsupport.h"
 
@@ -50,6 +51,7 @@ private slots:
     void installedProgramMarksExampleJob_data();
     void installedProgramMarksExampleJob();
     void backendRunsAsRootOnly();
+    void installedCheckerMakesKeyAndChecksCode();
     void fatalMessageFollowsLocale_data();
     void fatalMessageFollowsLocale();
     void packageMatchesInstallation();
@@ -95,6 +97,9 @@ void TestInstallation::installedTreeHoldsEveryFile_data()
     const QString data = installedPath(QLatin1String(CupsDataDir));
     QTest::newRow("program") << prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet"));
     QTest::newRow("manual page") << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man1/quillet.1"));
+    QTest::newRow("code checker") << prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet-verify"));
+    QTest::newRow("code checker's manual page")
+        << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man1/quillet-verify.1"));
     QTest::newRow("glyph list") << data + QStringLiteral("/data/psglyphs");
     QTest::newRow("charset file") << data + QStringLiteral("/charsets/utf-8");
     QTest::newRow("shipped definitions") << data + QStringLiteral("/quillet/marker.defs");
@@ -216,6 +221,28 @@ void TestInstallation::fatalMessageFollowsLocale()
          QStringLiteral("LANGUAGE=")});
     QCOMPARE(run.exitCode, 1);
     QCOMPARE(QString::fromUtf8(run.standardError), expected);
+}
+
+// The installed code checker makes a key and checks a code made under it.
+void TestInstallation::installedCheckerMakesKeyAndChecksCode()
+{
+    const QString program =
+        m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet-verify"));
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString keyFile = dir.filePath(QStringLiteral("site.key"));
+    const RunResult made = runProgram(program, {QStringLiteral("--new-key"), keyFile});
+    QVERIFY2(made.exitCode == 0 && !made.crashed, made.standardError.constData());
+
+    PageCodeKey site;
+    PageCodeKey job;
+    QString error;
+    QVERIFY2(PageCodeKey::load(keyFile, &site, &error), qPrintable(error));
+    QVERIFY(site.forJob(31, &job));
+    const QString code = PageCode::make(job.secret(), PageCodeFields::wrap(31, 4, 2, QDate(2026, 10, 1)));
+    const RunResult checked = runProgram(program, {QStringLiteral("--key"), keyFile, code});
+    QCOMPARE(checked.exitCode, 0);
+    QCOMPARE(checked.standardOutput, code.toLatin1() + ": authentic: job 31, page 4, copy 2, marked on 2026-10-01\n");
 }
 
 void TestInstallation::packageMatchesInstallation()

@@ -65,12 +65,20 @@ QString FixtureTree::installCatalogue() const
 RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& arguments,
                                     const QStringList& environment) const
 {
-    const QStringList sandboxArguments = QStringList()
+    QStringList sandboxArguments = QStringList()
         << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
         << QStringLiteral("--bind") << shareCups() << QLatin1String(CupsDataDir)
-        << QStringLiteral("--bind") << translations() << QLatin1String(TranslationsDir)
-        << QStringLiteral("--") << program << arguments;
+        << QStringLiteral("--bind") << translations() << QLatin1String(TranslationsDir);
+    for (int i = 0; i + 1 < m_binds.size(); i += 2)
+        sandboxArguments << QStringLiteral("--bind") << m_binds.at(i) << m_binds.at(i + 1);
+    sandboxArguments << QStringLiteral("--") << program << arguments;
     return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job());
+}
+
+void FixtureTree::bind(const QString& relative, const QString& target)
+{
+    QDir().mkpath(path(relative));
+    m_binds << path(relative) << target;
 }
 
 RunResult FixtureTree::runQuillet(const QStringList& arguments, const QStringList& environment) const

@@ -62,8 +62,13 @@ public:
     RunResult runInSandbox(const QString& program, const QStringList& arguments,
                            const QStringList& environment = {}) const;
 
+    // Binds a folder below the root onto another system folder too (for
+    // example a stand-in for the print server's log folder) in later runs.
+    void bind(const QString& relative, const QString& target);
+
 private:
     QTemporaryDir m_dir;
+    QStringList m_binds; // pairs of source and target
 };
 
 // Runs a program to its end (at most timeoutMs) and returns what it left.
