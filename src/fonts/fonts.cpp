@@ -113,6 +113,8 @@ bool Fonts::readCharsets(const QString& charset)
         qWarning("Bad/Empty charset file %s !", file.fileName().toLocal8Bit().constData());
     }
 
+    // The names met so far, this call's and an earlier call's alike.
+    QSet<QString> knownFonts(m_uniqueFonts.cbegin(), m_uniqueFonts.cend());
     while (file.isOpen()) {
         const QByteArray line = file.readLine();
         if (line.isEmpty())
@@ -160,10 +162,13 @@ bool Fonts::readCharsets(const QString& charset)
         }
 
         // Names beyond the fourth are listed as fonts but belong to no style;
-        // styles without a name of their own take the first.
+        // styles without a name of their own take the first. The set answers
+        // "met before?" at once, however many names a line holds.
         for (int i = 4; i < fields.size(); ++i) {
-            if (!m_uniqueFonts.contains(fields.at(i)))
+            if (!knownFonts.contains(fields.at(i))) {
+                knownFonts.insert(fields.at(i));
                 m_uniqueFonts.append(fields.at(i));
+            }
         }
         for (int style = 0; style < StyleCount; ++style)
             m_fontNames[n][style] = fields.value(4 + style, fields.at(4));

@@ -10,6 +10,7 @@
 #include "support/messagerecorder.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QTest>
 
 namespace {
@@ -140,6 +141,8 @@ private slots:
     void fontsForStyleAndUniqueFonts();
     void fontsForStyleWithoutCharsets();
     void fontNamesCompareExactly();
+    void manyFontNamesOnOneLine_data();
+    void manyFontNamesOnOneLine();
 
     void secondInitializeAddsToTables();
     void resetEmptiesCatalogue();
@@ -598,6 +601,45 @@ void TestFontCatalogue::fontNamesCompareExactly()
     QVERIFY(initializeCatalogue(QStringLiteral("utf-8")).result);
     QCOMPARE(Fonts::instance().fontsForStyle(0), (QStringList{"Sans", "sans"}));
     QCOMPARE(Fonts::instance().uniqueFonts(), (QStringList{"Sans", "sans"}));
+}
+
+// A charset line may name any number of fonts; each name is looked up among
+// the names met so far, and that look-up must not grow with their number.
+void TestFontCatalogue::manyFontNamesOnOneLine_data()
+{
+    QTest::addColumn<int>("names");
+    QTest::addColumn<int>("distinct");
+
+    QTest::newRow("100,000 distinct names") << 100000 << 100000;
+    QTest::newRow("100,000 names, 7 distinct") << 100000 << 7;
+}
+
+void TestFontCatalogue::manyFontNamesOnOneLine()
+{
+    QFETCH(int, names);
+    QFETCH(int, distinct);
+
+    QByteArray line = "0000 00FF ltor single";
+    QStringList expected;
+    for (int i = 0; i < names; ++i) {
+        const QByteArray name = "Font" + QByteArray::number(i % distinct);
+        line += ' ' + name;
+        if (i < distinct)
+            expected << QString::fromLatin1(name);
+    }
+    writeCatalogue(SimpleGlyphs, Header + line + '\n');
+
+    QElapsedTimer timer;
+    timer.start();
+    const InitializeResult run = initializeCatalogue(QStringLiteral("utf-8"));
+    const qint64 elapsed = timer.elapsed();
+
+    QVERIFY(run.result);
+    QCOMPARE(Fonts::instance().uniqueFonts(), expected);
+    QCOMPARE(Fonts::instance().fontName(0, 3), QStringLiteral("Font%1").arg(3 % distinct));
+    // Linear work takes a few tens of milliseconds; a search through every
+    // earlier name per name took many seconds.
+    QVERIFY2(elapsed < 2000, qPrintable(QStringLiteral("%1 ms").arg(elapsed)));
 }
 
 // --- Repeated calls -----------------------------------------------------------
