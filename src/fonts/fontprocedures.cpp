@@ -2,6 +2,8 @@
 // the two-byte encoding of marker text and the supplied-resources comment.
 #include "fonts/fonts.h"
 
+#include "common/postscriptnumber.h"
+
 #include <QIODevice>
 
 namespace {
@@ -44,6 +46,13 @@ QString sizeText(float size)
 
 void Fonts::setFont(QIODevice& out, int style, float size)
 {
+    // The template reader gives only usable sizes; any other caller's size
+    // that no interpreter could read is replaced by the default one.
+    if (!isPostScriptReal(size)) {
+        qWarning("Font size '%s' is not a PostScript number, 12 is used!",
+                 sizeText(size).toLocal8Bit().constData());
+        size = 12.0f;
+    }
     out.write(QString::fromLatin1(SelectFont)
                   .arg(QLatin1String(markerFontNames[style]), sizeText(size))
                   .toLatin1());

@@ -3,6 +3,7 @@
 // printer, painted on a white box, shown in black and optionally underlined.
 #include "marker/marker.h"
 
+#include "common/postscriptnumber.h"
 #include "fonts/fonts.h"
 #include "marker/markerpositions.h"
 #include "settings/variables.h"
@@ -134,6 +135,22 @@ const PositionSnippets Positions[MarkerPosition::Count] = {
      "font-underline-pos add moveto rPart 0 rlineto closepath stroke\n"},
 };
 
+// One number of a coordinate position in user-space units. A group that does
+// not read as a number counts as 0; so does, with a warning, one whose value
+// no interpreter can read back (such as a group of 400 digits).
+double coordinate(const QString& group, const QString& position, bool millimetres)
+{
+    bool ok = false;
+    double value = group.toDouble(&ok);
+    if (millimetres)
+        value /= MillimetreFactor;
+    if (isPostScriptReal(value))
+        return ok ? value : 0.0;
+    qWarning("Coordinate '%s' of position '%s' is not a PostScript number, 0 is used!",
+             group.toLocal8Bit().constData(), position.toLocal8Bit().constData());
+    return 0.0;
+}
+
 int totalStrings(const MarkerPositionMap& map)
 {
     int count = 0;
@@ -166,12 +183,20 @@ void Marker::writeCommonVariables(QIODevice& out, bool fonarik, bool landscape) 
     }
 
     // A value that reads as a number is written as it stands, blanks included.
+    // Only a number in PostScript's own syntax is: a value such as "inf" or
+    // one of 400 digits would stop the job on the printer, so it gives 0 and
+    // a warning.
     QByteArray definitions;
     for (const PlacementKey& key : PlacementKeys) {
         const QString name = fonarik ? prefix + QLatin1String(key.fonarikKey) : QLatin1String(key.markerKey);
         const QString value = variables.value(name);
         bool isNumber = false;
         value.toFloat(&isNumber);
+        if (isNumber && !isPostScriptNumber(value)) {
+            qWarning("Value '%s' of %s is not a PostScript number, 0 is used!",
+                     value.toLocal8Bit().constData(), name.toLocal8Bit().constData());
+            isNumber = false;
+        }
         definitions += '/';
         definitions += key.name;
         definitions += ' ';
@@ -268,12 +293,8 @@ void Marker::drawAtOffset(QIODevice& out, const QString& position, const MarkerS
     }
 
     // A group that does not read as a number (such as "1,5") counts as 0.
-    double x = match.captured(1).toDouble();
-    double y = match.captured(2).toDouble();
-    if (millimetres) {
-        x /= MillimetreFactor;
-        y /= MillimetreFactor;
-    }
+    const double x = coordinate(match.captured(1), position, millimetres);
+    const double y = coordinate(match.captured(2), position, millimetres);
     out.write("/markerTopShift " + QByteArray::number(y, 'g', 6) + " def\n");
     out.write("/markerLeftShift " + QByteArray::number(x, 'g', 6) + " def\n");
     drawPosition(out, MarkerPosition::TopLeft, strings);

@@ -5,7 +5,9 @@
 //   page type : style : size [: underline] : extra : position : text
 #include "marker/marker.h"
 
+#include "common/postscriptnumber.h"
 #include "common/trace.h"
+#include "fonts/fonts.h"
 #include "marker/markerpositions.h"
 #include "settings/variables.h"
 
@@ -121,6 +123,11 @@ void Marker::readTemplate(QIODevice& device)
         string->extra = fields.at(4);
         bool sizeOk = false;
         const float size = fields.at(2).toFloat(&sizeOk);
+        if (sizeOk && size > 0 && !isPostScriptReal(size)) {
+            qWarning("Font size '%s' is not a PostScript number, 12 is used!",
+                     fields.at(2).toLocal8Bit().constData());
+            sizeOk = false;
+        }
         string->fontSize = sizeOk && size > 0 ? size : 12.0f;
         string->underline = fields.at(3) == QLatin1String("underline");
         // The style counts as used even when the line is rejected below.

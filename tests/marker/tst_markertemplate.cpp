@@ -74,6 +74,8 @@ private slots:
     void fontStyleWords();
     void fontSizes_data();
     void fontSizes();
+    void fontSizesNoInterpreterReads_data();
+    void fontSizesNoInterpreterReads();
     void underlineField_data();
     void underlineField();
     void pageTypes_data();
@@ -250,6 +252,39 @@ void TestMarkerTemplate::fontSizes()
     const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
     QVERIFY(string);
     QCOMPARE(string->fontSize, size);
+}
+
+// A size that converts but that no interpreter could read back gives 12 and
+// a warning; a size that never converted still gives 12 silently.
+void TestMarkerTemplate::fontSizesNoInterpreterReads_data()
+{
+    QTest::addColumn<QString>("field");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const char* field) {
+        return QStringList{QStringLiteral("Font size '%1' is not a PostScript number, 12 is used!")
+                               .arg(QLatin1String(field))};
+    };
+    QTest::newRow("inf") << "inf" << refused("inf");
+    QTest::newRow("+inf") << "+inf" << refused("+inf");
+    QTest::newRow("INF") << "INF" << refused("INF");
+    QTest::newRow("below the smallest PostScript real: 1e-40") << "1e-40" << refused("1e-40");
+    QTest::newRow("-inf is not positive: silent") << "-inf" << QStringList{};
+    QTest::newRow("nan is not positive: silent") << "nan" << QStringList{};
+    QTest::newRow("beyond single precision never converted: silent") << "1e40" << QStringList{};
+}
+
+void TestMarkerTemplate::fontSizesNoInterpreterReads()
+{
+    QFETCH(QString, field);
+    QFETCH(QStringList, warnings);
+
+    readMarkerTemplate(QStringLiteral("any:normal:%1::x:top-left:T\n").arg(field).toUtf8());
+
+    const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
+    QVERIFY(string);
+    QCOMPARE(string->fontSize, 12.0f);
+    QCOMPARE(m_messages->texts(QtWarningMsg), warnings);
 }
 
 void TestMarkerTemplate::underlineField_data()
