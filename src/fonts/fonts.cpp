@@ -92,11 +92,19 @@ bool Fonts::readGlyphList()
     return true;
 }
 
+bool Fonts::isCharsetFileName(const QString& name)
+{
+    return !name.contains(QLatin1Char('/')) && !name.contains(QLatin1String("..")) &&
+           !name.contains(QChar(0));
+}
+
 bool Fonts::readCharsets(const QString& charset)
 {
+    // A name that would lead out of the charsets folder is treated like a
+    // charset without a file: the default charset is read instead.
     const QString folder = QLatin1String(CupsDataDir) + QLatin1String(CharsetsFolder);
     QFile file(folder + charset);
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (!isCharsetFileName(charset) || !file.open(QIODevice::ReadOnly)) {
         qWarning("Can not open %s charset file!", charset.toLocal8Bit().constData());
         file.setFileName(folder + QLatin1String(DefaultCharset));
         if (!file.open(QIODevice::ReadOnly)) {

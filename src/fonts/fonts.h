@@ -37,6 +37,11 @@ public:
     // false when the catalogue could not be read completely.
     bool initialize(const QString& charset);
 
+    // Whether a charset name names a file of the charsets folder and nothing
+    // else: it holds no "/", no ".." and no NUL. An empty name is left to the
+    // fallback of initialize.
+    static bool isCharsetFileName(const QString& name);
+
     // The distinct base fonts of a style over all charsets, in charset order.
     QStringList fontsForStyle(int style) const;
 

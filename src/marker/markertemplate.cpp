@@ -50,6 +50,17 @@ int indexOf(const char* const (&words)[N], const QString& word)
     return -1;
 }
 
+// The charset name itself, or the default "utf-8" with a warning when the
+// name would lead out of the charsets folder.
+QString checkedCharset(const QString& name)
+{
+    if (Fonts::isCharsetFileName(name))
+        return name;
+    qWarning("Charset name '%s' is not a file of the charsets folder, utf-8 is used!",
+             name.toLocal8Bit().constData());
+    return QStringLiteral("utf-8");
+}
+
 bool isKnownPosition(const QString& position)
 {
     return indexOf(MarkerPosition::Names, position) >= 0
@@ -104,7 +115,7 @@ void Marker::readTemplate(QIODevice& device)
                 continue;
             }
             if (line.startsWith(QLatin1String("charset"), Qt::CaseInsensitive)) {
-                m_charset = value;
+                m_charset = checkedCharset(value);
                 continue;
             }
         }
@@ -163,5 +174,5 @@ void Marker::readTemplate(QIODevice& device)
 
     const Variables& variables = Variables::instance();
     if (variables.contains(QStringLiteral("mac-marker-font")))
-        m_charset = variables.value(QStringLiteral("mac-marker-font"));
+        m_charset = checkedCharset(variables.value(QStringLiteral("mac-marker-font")));
 }

@@ -402,6 +402,12 @@ void TestFontCatalogue::catalogueFiles_data()
         << QStringList{"psglyphs", "koi8-r"} << "utf-8" << false
         << warnings({"Can not open utf-8 charset file!", "Can not open utf-8 charset file!"})
         << QStringList{};
+    QTest::newRow("a name leading out of the charsets folder is not opened: utf-8")
+        << all << "../koi8-r" << true << warnings({"Can not open ../koi8-r charset file!"})
+        << QStringList{"FromUtf8"};
+    QTest::newRow("a name through a subfolder and back out is not opened: utf-8")
+        << all << "x/../../koi8-r" << true << warnings({"Can not open x/../../koi8-r charset file!"})
+        << QStringList{"FromUtf8"};
     QTest::newRow("a missing glyph list returns false before the charset file is opened")
         << QStringList{"utf-8", "koi8-r"} << "utf-8" << false << warnings({"Can not open glyphs file!"})
         << QStringList{};
@@ -427,6 +433,10 @@ void TestFontCatalogue::catalogueFiles()
     if (files.contains(QStringLiteral("koi8-r")))
         FontSandbox::writeCatalogueFile(QStringLiteral("charsets/koi8-r"),
                                         Header + "0000 00FF ltor single FromKoi8r\n");
+    // The same charset outside the charsets folder, where a name with a path
+    // in it would find it.
+    if (files.contains(QStringLiteral("koi8-r")))
+        FontSandbox::writeCatalogueFile(QStringLiteral("koi8-r"), Header + "0000 00FF ltor single Outside\n");
 
     const InitializeResult run = initializeCatalogue(charset);
     QCOMPARE(run.result, result);

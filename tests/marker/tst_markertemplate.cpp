@@ -100,6 +100,8 @@ private slots:
     void fontStylesInUse();
     void storeCharsetOverride_data();
     void storeCharsetOverride();
+    void charsetOutsideCharsetsFolder_data();
+    void charsetOutsideCharsetsFolder();
     void warnings_data();
     void warnings();
     void warningOnStandardErrorOfRun();
@@ -703,6 +705,59 @@ void TestMarkerTemplate::storeCharsetOverride()
     readMarkerTemplate(content);
 
     QCOMPARE(Marker::instance().charset(), charset);
+}
+
+// A charset name is a file name inside the charsets folder: a name that
+// would lead out of it is refused with a warning and the default "utf-8".
+void TestMarkerTemplate::charsetOutsideCharsetsFolder_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("inStore");
+    QTest::addColumn<QString>("storeValue");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const char* name) {
+        return QStringList{
+            QStringLiteral("Charset name '%1' is not a file of the charsets folder, utf-8 is used!")
+                .arg(QLatin1String(name))};
+    };
+    QTest::newRow("charset line: parent folders")
+        << QByteArray("charset=../../../etc/passwd\n") << false << "" << refused("../../../etc/passwd");
+    QTest::newRow("charset line: absolute path")
+        << QByteArray("charset=/etc/passwd\n") << false << "" << refused("/etc/passwd");
+    QTest::newRow("charset line: subfolder")
+        << QByteArray("charset=sub/koi8-r\n") << false << "" << refused("sub/koi8-r");
+    QTest::newRow("charset line: the parent folder itself")
+        << QByteArray("charset=..\n") << false << "" << refused("..");
+    QTest::newRow("charset line: two dots inside a name")
+        << QByteArray("charset=koi8..r\n") << false << "" << refused("koi8..r");
+    QTest::newRow("charset line refused after a good one: the default, not the earlier name")
+        << QByteArray("charset=koi8-r\ncharset=../koi8-r\n") << false << "" << refused("../koi8-r");
+    QTest::newRow("mac-marker-font: parent folders")
+        << QByteArray("") << true << "../../fonts/NimbusSans-Regular"
+        << refused("../../fonts/NimbusSans-Regular");
+    QTest::newRow("mac-marker-font: absolute path")
+        << QByteArray("") << true << "/dev/zero" << refused("/dev/zero");
+    QTest::newRow("mac-marker-font refused: the default, not the template's charset line")
+        << QByteArray("charset=koi8-r\n") << true << "../koi8-r" << refused("../koi8-r");
+    QTest::newRow("mac-marker-font refused after a refused charset line")
+        << QByteArray("charset=/a\n") << true << "/b" << (refused("/a") + refused("/b"));
+}
+
+void TestMarkerTemplate::charsetOutsideCharsetsFolder()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, inStore);
+    QFETCH(QString, storeValue);
+    QFETCH(QStringList, warnings);
+
+    if (inStore)
+        Variables::instance().insert(QStringLiteral("mac-marker-font"), storeValue);
+
+    readMarkerTemplate(content);
+
+    QCOMPARE(Marker::instance().charset(), QStringLiteral("utf-8"));
+    QCOMPARE(m_messages->texts(QtWarningMsg), warnings);
 }
 
 // --- Warnings ------------------------------------------------------------------
