@@ -4,6 +4,7 @@
 
 #include "app/fatal.h"
 #include "common/paths.h"
+#include "common/regularfile.h"
 #include "document/quillet.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
@@ -34,7 +35,11 @@ void loadVariables(const QString& variablesFile)
     Variables& variables = Variables::instance();
 
     QFile file(variablesFile);
-    if (!file.open(QIODevice::ReadOnly))
+    const RegularFileOpen variablesOpen = openRegularFile(file);
+    if (variablesOpen == RegularFileOpen::NotRegular)
+        fatal(mainText(QT_TRANSLATE_NOOP("main", "Variables file %1 is not a regular file"))
+                  .arg(variablesFile));
+    if (variablesOpen != RegularFileOpen::Opened)
         fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker variables file %1")).arg(variablesFile));
     variables.read(file);
     variables.insert(QStringLiteral("DATE"), QDate::currentDate().toString(QStringLiteral("dd.MM.yyyy")));
@@ -49,7 +54,11 @@ void loadVariables(const QString& variablesFile)
         if (!file.exists())
             fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
     }
-    if (!file.open(QIODevice::ReadOnly))
+    const RegularFileOpen definitionsOpen = openRegularFile(file);
+    if (definitionsOpen == RegularFileOpen::NotRegular)
+        fatal(mainText(QT_TRANSLATE_NOOP("main", "Marker definition file %1 is not a regular file"))
+                  .arg(file.fileName()));
+    if (definitionsOpen != RegularFileOpen::Opened)
         fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1")).arg(file.fileName()));
     variables.read(file);
     file.close();
@@ -58,7 +67,11 @@ void loadVariables(const QString& variablesFile)
 void loadTemplate(const QString& templateFile)
 {
     QFile file(templateFile);
-    if (!file.open(QIODevice::ReadOnly))
+    const RegularFileOpen templateOpen = openRegularFile(file);
+    if (templateOpen == RegularFileOpen::NotRegular)
+        fatal(mainText(QT_TRANSLATE_NOOP("main", "Marker template file %1 is not a regular file"))
+                  .arg(templateFile));
+    if (templateOpen != RegularFileOpen::Opened)
         fatal(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker format file %1")).arg(templateFile));
     Marker::instance().readTemplate(file);
     file.close();

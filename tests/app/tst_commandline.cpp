@@ -15,6 +15,8 @@
 #include <QTest>
 #include <QTime>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QByteArray JobVariables = "job-originating-user-name=alice\ncopies=1\n";
@@ -72,6 +74,8 @@ private slots:
 
     void startupFailuresAreFatal_data();
     void startupFailuresAreFatal();
+    void specialFilesAreRefused_data();
+    void specialFilesAreRefused();
 
     void definitionsFileIsChosen_data();
     void definitionsFileIsChosen();
@@ -293,6 +297,57 @@ void TestCommandLine::startupFailuresAreFatal()
     QVERIFY2(result.standardError == message, qPrintable(firstDifference(result.standardError, message)));
     // Start-up stops before the document filter: the variables file is left
     // as it was and no output is created.
+    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
+    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
+// A FIFO (or a device) where a file is expected would block the run for as
+// long as nobody writes to it: it is refused at once with its own message.
+void TestCommandLine::specialFilesAreRefused_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("fifo");       // FIFO to make below the root, replacing a file there
+    QTest::addColumn<QByteArray>("message"); // the whole of standard error
+
+    QTest::newRow("variables file is a FIFO")
+        << QStringList{"in.ps", "marker.tpl", "vars.fifo", "out.ps"} << "job/vars.fifo"
+        << QByteArray("Variables file vars.fifo is not a regular file\n");
+    QTest::newRow("template is a FIFO")
+        << QStringList{"in.ps", "tpl.fifo", "vars.txt", "out.ps"} << "job/tpl.fifo"
+        << QByteArray("Marker template file tpl.fifo is not a regular file\n");
+    QTest::newRow("site definitions file is a FIFO")
+        << jobArguments() << "etc-cups/marker.defs"
+        << QByteArray("Marker definition file /etc/cups/marker.defs "
+                      "is not a regular file\n");
+    QTest::newRow("shipped definitions file is a FIFO")
+        << jobArguments() << "share-cups/quillet/marker.defs"
+        << QByteArray("Marker definition file /usr/share/cups/quillet/marker.defs is not a regular file\n");
+    QTest::newRow("template is a character device")
+        << QStringList{"in.ps", "/dev/null", "vars.txt", "out.ps"} << QString()
+        << QByteArray("Marker template file /dev/null is not a regular file\n");
+    QTest::newRow("variables file is a character device")
+        << QStringList{"in.ps", "marker.tpl", "/dev/zero", "out.ps"} << QString()
+        << QByteArray("Variables file /dev/zero is not a regular file\n");
+}
+
+void TestCommandLine::specialFilesAreRefused()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, fifo);
+    QFETCH(QByteArray, message);
+
+    FixtureTree tree;
+    prepareJob(tree);
+    if (!fifo.isEmpty()) {
+        QFile::remove(tree.path(fifo));
+        QVERIFY2(::mkfifo(QFile::encodeName(tree.path(fifo)).constData(), 0644) == 0, qPrintable(fifo));
+    }
+
+    const RunResult result = tree.runQuillet(arguments);
+
+    QVERIFY2(!result.crashed, qPrintable(describe(result)));
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError == message, qPrintable(firstDifference(result.standardError, message)));
     QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
     QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
 }
