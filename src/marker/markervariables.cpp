@@ -2,6 +2,7 @@
 // from a site script ("SCRIPT:") and from the user directory ("FREEIPA:").
 #include "marker/marker.h"
 
+#include "common/boundedprocess.h"
 #include "settings/variables.h"
 
 #include <QMap>
@@ -10,8 +11,40 @@
 
 namespace {
 
-// How long a site script or the directory client may run.
-constexpr int ProgramWaitMs = 4000;
+// How long each outside program (a site script, kinit, the directory
+// client) may run, and how much of its standard output is kept, unless the
+// definitions say otherwise: keys, defaults and the largest values allowed.
+const char ProgramTimeoutKey[] = "MarkerProgramTimeout";
+constexpr int DefaultProgramTimeoutMs = 4000;
+constexpr int MaxProgramTimeoutMs = 60000;
+const char ProgramOutputLimitKey[] = "MarkerProgramOutputLimit";
+constexpr int DefaultProgramOutputLimit = 65536;
+constexpr int MaxProgramOutputLimit = 16 * 1024 * 1024;
+
+// A limit from the store: a whole number from 1 to the largest value
+// allowed, or the default (with a warning when the key holds anything else).
+int programLimit(const char* key, int defaultValue, int maxValue)
+{
+    const Variables& variables = Variables::instance();
+    if (!variables.contains(QLatin1String(key)))
+        return defaultValue;
+    const QString text = variables.value(QLatin1String(key));
+    bool ok = false;
+    const int value = text.trimmed().toInt(&ok, 10);
+    if (ok && value >= 1 && value <= maxValue)
+        return value;
+    qWarning("Value '%s' of %s is not a whole number from 1 to %d, %d is used!",
+             text.toLocal8Bit().constData(), key, maxValue, defaultValue);
+    return defaultValue;
+}
+
+// Runs an outside program within the limits of the definitions.
+BoundedRun runProgram(const QString& program, const QStringList& arguments)
+{
+    return runBounded(program, arguments,
+                      programLimit(ProgramTimeoutKey, DefaultProgramTimeoutMs, MaxProgramTimeoutMs),
+                      programLimit(ProgramOutputLimitKey, DefaultProgramOutputLimit, MaxProgramOutputLimit));
+}
 
 // Variables holding security labels; "replace_underscore" applies to them only.
 const QStringList& securityLabelVariables()
@@ -23,16 +56,6 @@ const QStringList& securityLabelVariables()
         QStringLiteral("LEV_NAME"),      QStringLiteral("ILEV_NAME"),
         QStringLiteral("CAT_NAME")};
     return names;
-}
-
-// Ends a program that outlived its wait. Left running, it would be killed
-// by the process object's destructor with a warning on standard error.
-void stopProgram(QProcess& process)
-{
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
-    }
 }
 
 bool isOpening(QChar c)
@@ -97,13 +120,9 @@ QString Marker::runScript(const QString& command) const
     if (words.isEmpty())
         return QString();
 
-    QProcess process;
+    // What the program wrote before it ended or ran out of time or room.
     const QString program = words.takeFirst();
-    process.start(program, words, QIODevice::ReadOnly);
-    process.waitForFinished(ProgramWaitMs);
-    const QByteArray output = process.readAllStandardOutput();
-    stopProgram(process);
-    return QString::fromLocal8Bit(output).trimmed();
+    return QString::fromLocal8Bit(runProgram(program, words).output).trimmed();
 }
 
 QString Marker::directoryAttribute(const QString& attribute) const
@@ -116,22 +135,21 @@ QString Marker::directoryAttribute(const QString& attribute) const
         user.truncate(at);
 
     // A ticket from the host's keytab first; the directory client needs it.
-    QProcess::execute(QStringLiteral("kinit"), {QStringLiteral("-kt"), QStringLiteral("/etc/krb5.keytab")});
+    // It is waited for within the same limits as the look-up itself.
+    runProgram(QStringLiteral("kinit"), {QStringLiteral("-kt"), QStringLiteral("/etc/krb5.keytab")});
 
-    QProcess ipa;
-    ipa.start(QStringLiteral("ipa"),
-              {QStringLiteral("user-show"), user, QStringLiteral("--raw"), QStringLiteral("--all")},
-              QIODevice::ReadOnly);
-    ipa.waitForFinished(ProgramWaitMs);
+    const QByteArray listing =
+        runProgram(QStringLiteral("ipa"),
+                   {QStringLiteral("user-show"), user, QStringLiteral("--raw"), QStringLiteral("--all")})
+            .output;
 
     // Entries are "key: value" lines; headings and values that hold ": "
     // themselves give other than two pieces and are passed over.
     QMap<QString, QString> entries;
-    for (QByteArray raw = ipa.readLine(); !raw.isEmpty(); raw = ipa.readLine()) {
+    for (const QByteArray& raw : listing.split('\n')) {
         const QStringList pieces = QString::fromUtf8(raw).trimmed().split(QStringLiteral(": "), Qt::SkipEmptyParts);
         if (pieces.size() == 2)
             entries.insert(pieces.at(0).trimmed(), pieces.at(1).trimmed());
     }
-    stopProgram(ipa);
     return entries.value(attribute);
 }

@@ -87,8 +87,10 @@ private slots:
     void duplexFlagReachesDocumentFilter_data();
     void duplexFlagReachesDocumentFilter();
     void messagesAreTranslated();
+    void siteScriptsLeaveNoProcessBehind_data();
+    void siteScriptsLeaveNoProcessBehind();
 
-private:
+  private:
     QByteArray m_helpText;
 };
 
@@ -546,6 +548,52 @@ void TestCommandLine::messagesAreTranslated()
         {QStringLiteral("nope.ps"), QStringLiteral("marker.tpl"), QStringLiteral("vars.txt"), QStringLiteral("out.ps")},
         {QStringLiteral("LANGUAGE=fr"), QStringLiteral("LC_ALL="), QStringLiteral("LANG=C.UTF-8")});
     QCOMPARE(english.standardError, QByteArray("Input file nope.ps doesn't exist\n"));
+}
+
+// A site script's own children (here a sleep started by a shell) are ended
+// with it: none of them outlives the run, whether the script hangs or ends.
+void TestCommandLine::siteScriptsLeaveNoProcessBehind_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QByteArray>("shown");
+
+    QTest::newRow("a script that hangs, waiting for its child")
+        << QByteArray("sleep 300 &\necho $! >> children\necho waiting\nwait\n") << QByteArray("waiting");
+    QTest::newRow("a script that ends at once, leaving its child running")
+        << QByteArray("sleep 300 &\necho $! >> children\necho done\n") << QByteArray("done");
+}
+
+void TestCommandLine::siteScriptsLeaveNoProcessBehind()
+{
+    QFETCH(QByteArray, script);
+    QFETCH(QByteArray, shown);
+
+    FixtureTree tree;
+    prepareJob(tree, JobVariables + "MarkerProgramTimeout=300\n");
+    const QString scriptFile =
+        tree.write(QStringLiteral("job/site.sh"), "#!/bin/sh\ncd '" + tree.job().toUtf8() + "'\n" + script);
+    QVERIFY(QFile::setPermissions(scriptFile,
+                                  QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
+    tree.write(QStringLiteral("job/in.ps"), minimalDocument(2));
+    tree.write(QStringLiteral("job/marker.tpl"),
+               "any:normal:12::top-left:{SCRIPT:" + scriptFile.toUtf8() + "}\n");
+
+    const RunResult result = tree.runQuillet(jobArguments());
+    QVERIFY2(!result.crashed && result.exitCode == 0, qPrintable(describe(result)));
+
+    // The script ran once per page, and each time its child was ended.
+    const QList<QByteArray> children = tree.read(QStringLiteral("job/children")).trimmed().split('\n');
+    QCOMPARE(children.size(), 2);
+    for (const QByteArray& child : children)
+        QVERIFY2(processEnded(child.toLongLong()), child.constData());
+    // What the script printed before it was stopped is the marker text, on
+    // both pages (the shipped catalogue's charset 0 is Latin-1, so each
+    // character is 00 and its own code).
+    QByteArray encoded = "<";
+    for (const char c : shown)
+        encoded += "00" + QByteArray::number(uchar(c), 16);
+    encoded += '>';
+    QCOMPARE(tree.read(QStringLiteral("job/out.ps")).count(encoded), 2);
 }
 
 QTEST_GUILESS_MAIN(TestCommandLine)

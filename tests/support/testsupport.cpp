@@ -7,11 +7,13 @@
 #include <QBuffer>
 #include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTest>
+#include <QThread>
 
 FixtureTree::FixtureTree()
 {
@@ -183,6 +185,22 @@ QString firstDifference(const QByteArray& actual, const QByteArray& expected)
                 .arg(QString::fromLatin1(left.left(300)), QString::fromLatin1(right.left(300)));
     }
     return QStringLiteral("no difference");
+}
+
+bool processEnded(qint64 pid, int waitMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (;;) {
+        // /proc/<pid>/stat: "pid (name) state ..."; the name may hold blanks.
+        const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+        const int nameEnd = stat.lastIndexOf(')');
+        if (stat.isEmpty() || (nameEnd > 0 && stat.mid(nameEnd + 2, 1) == "Z"))
+            return true;
+        if (timer.elapsed() > waitMs)
+            return false;
+        QThread::msleep(20);
+    }
 }
 
 bool haveProgram(const QString& name)

@@ -103,6 +103,10 @@ QMap<QString, QString> parseKeyValues(const QByteArray& bytes);
 // for failure messages of byte-exact comparisons.
 QString firstDifference(const QByteArray& actual, const QByteArray& expected);
 
+// Whether the process with this id has ended (it is gone, or a zombie that
+// nobody has reaped yet), waiting up to waitMs for it to go.
+bool processEnded(qint64 pid, int waitMs = 3000);
+
 // Whether a program is found on the search path.
 bool haveProgram(const QString& name);
 

@@ -1,0 +1,137 @@
+// Running an outside program with a time limit and an output limit.
+#include "common/boundedprocess.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
+
+namespace
+{
+
+// How long one wait for output lasts before the program's state is looked
+// at again.
+constexpr int PollStepMs = 50;
+constexpr int ReadChunk = 65536;
+
+// Reads what the pipe holds now into the output, up to the limit. Returns
+// false at the end of the output (every writer closed the pipe).
+bool readAvailable(int descriptor, BoundedRun& run, int outputLimit)
+{
+    char buffer[ReadChunk];
+    for (;;) {
+        const ssize_t count = ::read(descriptor, buffer, sizeof buffer);
+        if (count > 0) {
+            const int room = outputLimit - run.output.size();
+            run.output.append(buffer, std::min(int(count), room));
+            if (run.output.size() >= outputLimit) {
+                run.outputCut = true;
+                return true;
+            }
+            continue;
+        }
+        if (count < 0 && errno == EINTR)
+            continue;
+        return count != 0;
+    }
+}
+
+// Whether the program has ended; it is left unreaped, so that its process
+// id, which is also its group's id, cannot be taken by another process yet.
+bool hasEnded(pid_t pid)
+{
+    siginfo_t info{};
+    while (::waitid(P_PID, id_t(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        if (errno != EINTR)
+            return true;
+    }
+    return info.si_pid == pid;
+}
+
+} // namespace
+
+BoundedRun runBounded(const QString& program, const QStringList& arguments, int timeoutMs, int outputLimit)
+{
+    BoundedRun run;
+
+    // Everything the child needs is made before it is started.
+    const QByteArray file = QFile::encodeName(program);
+    QList<QByteArray> words{file};
+    for (const QString& argument : arguments)
+        words.append(QFile::encodeName(argument));
+    std::vector<char*> argv;
+    for (QByteArray& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+
+    int pipe[2];
+    if (::pipe2(pipe, O_CLOEXEC) != 0)
+        return run;
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    posix_spawnattr_setsigmask(&attributes, &noSignals);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+
+    pid_t pid = -1;
+    const int spawned = ::posix_spawnp(&pid, file.constData(), &actions, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    ::close(pipe[1]);
+    if (spawned != 0) {
+        ::close(pipe[0]);
+        return run;
+    }
+    run.started = true;
+    ::fcntl(pipe[0], F_SETFL, ::fcntl(pipe[0], F_GETFL) | O_NONBLOCK);
+
+    // Read while the program runs; a grandchild that keeps the pipe open
+    // does not keep the run going once the program itself has ended.
+    QElapsedTimer timer;
+    timer.start();
+    bool open = true;
+    for (;;) {
+        if (hasEnded(pid)) {
+            if (open)
+                readAvailable(pipe[0], run, outputLimit);
+            break;
+        }
+        const qint64 remaining = timeoutMs - timer.elapsed();
+        if (remaining <= 0) {
+            run.timedOut = true;
+            break;
+        }
+        pollfd watch{pipe[0], POLLIN, 0};
+        const int step = int(std::min<qint64>(remaining, PollStepMs));
+        if (::poll(&watch, open ? 1 : 0, step) > 0)
+            open = readAvailable(pipe[0], run, outputLimit);
+        if (run.outputCut)
+            break;
+    }
+
+    // End whatever is left of the group, the program first among them if it
+    // still runs, then reap the program.
+    ::kill(-pid, SIGKILL);
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    ::close(pipe[0]);
+    return run;
+}
