@@ -83,7 +83,32 @@ QString Fonts::encodeString(const QString& text) const
 
 void Fonts::writeString(QIODevice& out, const QString& text) const
 {
-    out.write(encodeString(text).toLatin1());
+    // The same bytes as encodeString, written piece by piece: a long text
+    // never has its four-times-larger encoding held whole in memory.
+    constexpr int PieceCharacters = 4096;
+    QByteArray piece;
+    piece.reserve(4 * PieceCharacters + 2);
+    piece += '<';
+    const int length = text.size();
+    for (int i = 0; i < length; ++i) {
+        // A surrogate pair is one code point; a lone surrogate is taken as
+        // U+FFFD, as QString::toUcs4 takes it.
+        uint codePoint = text.at(i).unicode();
+        if (QChar::isHighSurrogate(codePoint) && i + 1 < length && text.at(i + 1).isLowSurrogate()) {
+            codePoint = QChar::surrogateToUcs4(text.at(i).unicode(), text.at(i + 1).unicode());
+            ++i;
+        } else if (QChar::isSurrogate(codePoint)) {
+            codePoint = QChar::ReplacementCharacter;
+        }
+        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0;
+        piece += QByteArray::number(code, 16).rightJustified(4, '0');
+        if (piece.size() >= 4 * PieceCharacters) {
+            out.write(piece);
+            piece.clear();
+        }
+    }
+    piece += '>';
+    out.write(piece);
 }
 
 void Fonts::writeSuppliedResources(QIODevice& out) const

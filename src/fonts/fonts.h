@@ -88,7 +88,7 @@ public:
     // Returns the PostScript hexadecimal string of two-byte marker codes for a text.
     QString encodeString(const QString& text) const;
 
-    // Writes encodeString(text) as Latin-1 bytes.
+    // Writes encodeString(text) as Latin-1 bytes, in pieces of bounded size.
     void writeString(QIODevice& out, const QString& text) const;
 
     // Writes the document-supplied-resources comment for the unique fonts.

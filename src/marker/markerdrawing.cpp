@@ -11,6 +11,8 @@
 #include <QIODevice>
 #include <QStringList>
 
+#include <algorithm>
+
 namespace {
 
 // --- Common variables of a marker block ---------------------------------------
@@ -151,6 +153,13 @@ double coordinate(const QString& group, const QString& position, bool millimetre
     return 0.0;
 }
 
+// Whether a text is empty or only white space (as trimmed() would find it,
+// without making a copy).
+bool isBlank(const QString& text)
+{
+    return std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isSpace(); });
+}
+
 int totalStrings(const MarkerPositionMap& map)
 {
     int count = 0;
@@ -213,7 +222,7 @@ void Marker::measureString(QIODevice& out, const MarkerStringPtr& string) const
     Fonts& fonts = Fonts::instance();
     fonts.setFont(out, string->fontStyle, string->fontSize);
     out.write(MeasureStart);
-    out.write(fonts.encodeString(string->expandedText).toLatin1());
+    fonts.writeString(out, string->expandedText);
     out.write(MeasureOutline);
     out.write(DefineStringBox);
 }
@@ -232,9 +241,11 @@ void Marker::drawPosition(QIODevice& out, int position, const MarkerStringList& 
         const MarkerStringPtr& string = strings.at(snippets.top ? i : strings.size() - 1 - i);
         if (!string)
             continue;
-        if (!string->expanded)
+        if (!string->expanded) {
+            string->expandedText.clear(); // the last page's text is not kept beside the new one
             string->expandedText = expandVariables(string->text);
-        if (string->expandedText.trimmed().isEmpty())
+        }
+        if (isBlank(string->expandedText))
             continue;
 
         measureString(out, string);

@@ -72,50 +72,78 @@ bool isClosing(QChar c)
 
 QString Marker::expandVariables(const QString& text) const
 {
+    return expandReferences(text, 0);
+}
+
+// The expansion works on views of the text: a reference's name, and a
+// command within it, are never copied, so nested references cost no more
+// memory than the text itself whatever their depth. scriptDepth counts the
+// SCRIPT: references that the text lies in.
+QString Marker::expandReferences(QStringView text, int scriptDepth) const
+{
     static const QLatin1String scriptPrefix("SCRIPT:");
     static const QLatin1String directoryPrefix("FREEIPA:");
 
     // One pass with a depth counter: only the outermost brackets delimit a
-    // reference. A stray closing bracket makes the depth negative, and from
-    // then on the rest of the text is copied as it stands.
+    // reference, and everything between them is its name. A stray closing
+    // bracket makes the depth negative, and from then on the rest of the
+    // text is copied as it stands.
+    // Text outside references is appended in runs, not character by
+    // character; plainStart is where the current run began.
     QString result;
-    QString name;
+    qsizetype plainStart = 0;
+    qsizetype nameStart = 0;
     int depth = 0;
-    for (const QChar c : text) {
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
         if (isOpening(c)) {
             if (++depth == 1) {
-                name.clear();
+                result += text.mid(plainStart, i - plainStart);
+                nameStart = i + 1;
                 continue;
             }
         } else if (isClosing(c)) {
             if (--depth == 0) {
+                const QStringView name = text.mid(nameStart, i - nameStart);
                 if (name.startsWith(scriptPrefix)) {
-                    result += runScript(name.mid(scriptPrefix.size()).trimmed());
+                    result += runScriptAt(name.mid(scriptPrefix.size()).trimmed(), scriptDepth + 1);
                 } else if (name.startsWith(directoryPrefix)) {
-                    result += directoryAttribute(name.mid(directoryPrefix.size()).trimmed());
+                    result += directoryAttribute(name.mid(directoryPrefix.size()).trimmed().toString());
                 } else {
-                    QString value = Variables::instance().value(name);
-                    if (m_replaceUnderscore && securityLabelVariables().contains(name))
+                    const QString key = name.toString();
+                    QString value = Variables::instance().value(key);
+                    if (m_replaceUnderscore && securityLabelVariables().contains(key))
                         value.replace(QLatin1Char('_'), QLatin1Char(' '));
                     result += value;
                 }
-                continue;
+                plainStart = i + 1;
             }
         }
-        if (depth >= 1)
-            name += c;
-        else
-            result += c;
     }
+    // The last run, unless the text ends inside a reference, which is dropped.
+    if (depth <= 0)
+        result += text.mid(plainStart);
     return result;
 }
 
 QString Marker::runScript(const QString& command) const
 {
+    return runScriptAt(command, 1);
+}
+
+QString Marker::runScriptAt(QStringView command, int scriptDepth) const
+{
+    // Each nested reference runs a program of its own; the nesting is
+    // bounded so that neither the programs nor the recursion can pile up.
+    if (scriptDepth > MaxScriptNesting) {
+        qWarning("Script reference nested deeper than %d levels is not run!", MaxScriptNesting);
+        return QString();
+    }
+
     // A braced reference in the command hands a value to the script.
     const QString expanded = command.contains(QLatin1Char('{')) && command.contains(QLatin1Char('}'))
-        ? expandVariables(command)
-        : command;
+                                 ? expandReferences(command, scriptDepth)
+                                 : command.toString();
     QStringList words = QProcess::splitCommand(expanded);
     if (words.isEmpty())
         return QString();

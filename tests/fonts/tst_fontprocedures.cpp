@@ -210,13 +210,21 @@ void TestFontProcedures::writeString_data()
     QTest::newRow("Latin and Cyrillic letters") << QString::fromUtf8("AЖ") << QByteArray("<00410116>");
     QTest::newRow("an empty text") << QString() << QByteArray("<>");
     QTest::newRow("a character beyond U+FFFF") << QString::fromUtf8("😀é") << QByteArray("<000000e9>");
+    // U+FFFD is charset 2 here, so that its code shows.
+    QTest::newRow("a lone high surrogate is U+FFFD")
+        << (QString(QChar(0xD800)) + QLatin1Char('A')) << QByteArray("<02000041>");
+    QTest::newRow("a lone low surrogate is U+FFFD") << QString(QChar(0xDC00)) << QByteArray("<0200>");
+    // Written in pieces of 4096 characters: the same bytes across the seams.
+    QTest::newRow("a long text, a surrogate pair across a piece boundary")
+        << (QString(4095, QLatin1Char('A')) + QString::fromUtf8("😀") + QString(5000, QLatin1Char('B')))
+        << "<" + QByteArray("0041").repeated(4095) + "0000" + QByteArray("0042").repeated(5000) + ">";
 }
 
 void TestFontProcedures::writeString()
 {
     QFETCH(QString, text);
     QFETCH(QByteArray, bytes);
-    QVERIFY(loadCatalogue(LatinAndCyrillic));
+    QVERIFY(loadCatalogue(LatinAndCyrillic + "FFFD FFFD ltor single Replacement\n"));
     QCOMPARE(written([&](QIODevice& out) { Fonts::instance().writeString(out, text); }), bytes);
     QCOMPARE(bytes, Fonts::instance().encodeString(text).toLatin1());
 }

@@ -91,6 +91,8 @@ private slots:
     void defaultsWithoutKeywords();
     void loadTimeExpansion_data();
     void loadTimeExpansion();
+    void stringCountIsBounded_data();
+    void stringCountIsBounded();
     void expandedPiecesCopyAttributes();
     void expansionUsesStoreAtReadTime();
     void replaceUnderscoreAppliesFromItsLineOn();
@@ -538,6 +540,44 @@ void TestMarkerTemplate::loadTimeExpansion_data()
     QTest::newRow("absent key expands to empty text") << QByteArray("<[MISSING]>") << QStringList{QStringLiteral("<>")};
     QTest::newRow("braced script reference with square brackets runs at load time")
         << QByteArray("[A] {SCRIPT:/bin/echo hi}") << QStringList{QStringLiteral("alpha hi")};
+}
+
+// A template holds at most 4096 strings, pieces of "^"-split texts counted
+// one by one; what lies beyond is ignored with one warning.
+void TestMarkerTemplate::stringCountIsBounded_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("kept");
+    QTest::addColumn<bool>("warned");
+
+    const QByteArray line = "any:normal:12::top-left:x\n";
+    QTest::newRow("4096 string lines: all kept") << line.repeated(4096) << 4096 << false;
+    QTest::newRow("5000 string lines: 4096 kept") << line.repeated(5000) << 4096 << true;
+    QTest::newRow("a text of 4096 pieces: all kept")
+        << "any:normal:12::top-left:[A]" + QByteArray("^").repeated(4095) + '\n'
+        << 4096 << false;
+    QTest::newRow("a text of a million pieces: 4096 kept")
+        << "any:normal:12::top-left:[A]" + QByteArray("x^").repeated(1000000) + '\n'
+        << 4096 << true;
+    QTest::newRow("lines after the bound are ignored, whatever their position")
+        << line.repeated(4096) + "any:normal:12::bottom-left:y\n"
+        << 4096 << true;
+}
+
+void TestMarkerTemplate::stringCountIsBounded()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, kept);
+    QFETCH(bool, warned);
+
+    readMarkerTemplate(content);
+
+    QCOMPARE(stringsAt(2, QStringLiteral("top-left")).size(), kept);
+    QCOMPARE(stringsAt(2, QStringLiteral("bottom-left")).size(), 0);
+    QCOMPARE(m_messages->texts(QtWarningMsg),
+             warned ? QStringList{QStringLiteral(
+                          "Template holds more than 4096 marker strings, the rest is ignored!")}
+                    : QStringList{});
 }
 
 void TestMarkerTemplate::loadTimeExpansion()

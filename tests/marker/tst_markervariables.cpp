@@ -66,6 +66,8 @@ private slots:
     void runScriptExpandsOnlyBracedCommands();
     void scriptThatHangs();
     void scriptsAreRunForEveryReference();
+    void scriptNestingIsBounded_data();
+    void scriptNestingIsBounded();
     void scriptLeavesNoProcessBehind_data();
     void scriptLeavesNoProcessBehind();
     void scriptOutputIsLimited_data();
@@ -351,6 +353,41 @@ void TestMarkerVariables::scriptsAreRunForEveryReference()
              QStringLiteral("1 2"));
     QCOMPARE(Marker::instance().expandVariables(withScripts(QStringLiteral("{SCRIPT:%COUNTER%}"))),
              QStringLiteral("3"));
+}
+
+// SCRIPT: references may nest inside a command up to 8 deep; a deeper one is
+// not run and gives an empty text, with one warning.
+void TestMarkerVariables::scriptNestingIsBounded_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<bool>("warned");
+
+    // Each level prints "<L" and what the level inside it printed, then ">".
+    const QString eight = QStringLiteral("<L").repeated(8);
+    const QString closing = QStringLiteral(">").repeated(8);
+    QTest::newRow("one level") << 1 << "<Lx>" << false;
+    QTest::newRow("eight levels, all run") << 8 << eight + QLatin1Char('x') + closing << false;
+    QTest::newRow("nine levels: the innermost is not run") << 9 << eight + closing << true;
+    QTest::newRow("10,000 levels: the eight outermost run") << 10000 << eight + closing << true;
+}
+
+void TestMarkerVariables::scriptNestingIsBounded()
+{
+    QFETCH(int, depth);
+    QFETCH(QString, expected);
+    QFETCH(bool, warned);
+
+    QString text = QStringLiteral("x");
+    for (int level = 0; level < depth; ++level)
+        text = QStringLiteral("{SCRIPT:%ARGS% L") + text + QLatin1Char('}');
+    QCOMPARE(Marker::instance().expandVariables(withScripts(text)), expected);
+
+    const QStringList warnings = m_messages->texts(QtWarningMsg);
+    m_messages.reset(new MessageRecorder);
+    QCOMPARE(warnings,
+             warned ? QStringList{QStringLiteral("Script reference nested deeper than 8 levels is not run!")}
+                    : QStringList{});
 }
 
 // A script that outlives its time is ended with everything it started; one

@@ -11,6 +11,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTest>
 #include <QThread>
@@ -78,6 +79,31 @@ RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& a
 RunResult FixtureTree::runQuillet(const QStringList& arguments, const QStringList& environment) const
 {
     return runInSandbox(quilletExecutable(), arguments, environment);
+}
+
+namespace
+{
+const char TimeProgram[] = "/usr/bin/time";
+}
+
+bool haveTimeProgram()
+{
+    return QFile::exists(QLatin1String(TimeProgram));
+}
+
+MeasuredRun measureQuillet(const FixtureTree& tree, const QStringList& arguments)
+{
+    MeasuredRun measured;
+    QElapsedTimer timer;
+    timer.start();
+    measured.run = tree.runInSandbox(QLatin1String(TimeProgram),
+                                     QStringList{QStringLiteral("-v"), quilletExecutable()} + arguments);
+    measured.milliseconds = timer.elapsed();
+    const QRegularExpression peak(QStringLiteral("Maximum resident set size \\(kbytes\\): (\\d+)"));
+    const QRegularExpressionMatch match = peak.match(QString::fromLocal8Bit(measured.run.standardError));
+    if (match.hasMatch())
+        measured.peakKilobytes = match.captured(1).toLongLong();
+    return measured;
 }
 
 RunResult runProgram(const QString& program, const QStringList& arguments, const QStringList& environment,

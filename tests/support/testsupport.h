@@ -66,6 +66,21 @@ private:
     QTemporaryDir m_dir;
 };
 
+// A run of the quillet executable under /usr/bin/time -v (package time),
+// with the peak resident set size that it reported (-1 when it did not).
+struct MeasuredRun {
+    RunResult run;
+    qint64 peakKilobytes = -1;
+    qint64 milliseconds = 0;
+};
+
+// Whether /usr/bin/time is there to measure runs.
+bool haveTimeProgram();
+
+// Runs the built quillet with the arguments inside the tree's sandbox (as
+// FixtureTree::runQuillet does) under /usr/bin/time -v.
+MeasuredRun measureQuillet(const FixtureTree& tree, const QStringList& arguments);
+
 // Runs a program to its end (at most timeoutMs) and returns what it left.
 RunResult runProgram(const QString& program, const QStringList& arguments,
                      const QStringList& environment = {}, const QString& workingDirectory = {},
