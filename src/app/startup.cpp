@@ -136,6 +136,9 @@ int quilletMain(int argc, char* argv[])
     Fonts& fonts = Fonts::instance();
     fonts.initialize(Marker::instance().charset());
     fonts.setMarkerStyles(Marker::instance().fontStyles());
+    const QString catalogueRefusal = fonts.catalogueRefusal();
+    if (!catalogueRefusal.isEmpty())
+        fatal(catalogueRefusal);
 
     Quillet().process(input, templateFile, variablesFile, output, parser.isSet(duplexOption));
     return 0;

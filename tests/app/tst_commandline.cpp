@@ -76,6 +76,8 @@ private slots:
     void startupFailuresAreFatal();
     void specialFilesAreRefused_data();
     void specialFilesAreRefused();
+    void catalogueThatCannotDrawIsRefused_data();
+    void catalogueThatCannotDrawIsRefused();
 
     void definitionsFileIsChosen_data();
     void definitionsFileIsChosen();
@@ -350,6 +352,62 @@ void TestCommandLine::specialFilesAreRefused()
     QVERIFY2(!result.crashed, qPrintable(describe(result)));
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.standardError == message, qPrintable(firstDifference(result.standardError, message)));
+    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
+    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
+// With print-safe output (on in the shipped definitions) a catalogue that
+// cannot draw the marker ends the run before any output, instead of a run
+// that prints invisible marks; without it the run goes on as it always did.
+void TestCommandLine::catalogueThatCannotDrawIsRefused_data()
+{
+    QTest::addColumn<QString>("damage"); // file below share-cups/ to remove
+    QTest::addColumn<bool>("asFolder");  // and put a folder in its place
+    QTest::addColumn<bool>("safeOutput");
+    QTest::addColumn<QByteArray>("message"); // the last line of standard error, empty for success
+
+    const QByteArray suffix = ": the marker would not print\n";
+    QTest::newRow("print-safe: no glyph list")
+        << "data/psglyphs" << false << true
+        << "Can not read glyph list /usr/share/cups/data/psglyphs" + suffix;
+    QTest::newRow("print-safe: a folder for the charset file")
+        << "charsets/utf-8" << true << true
+        << "Can not read charset file /usr/share/cups/charsets/utf-8" + suffix;
+    QTest::newRow("print-safe: no file for the base font of the template's style")
+        << "fonts/NimbusSans-Regular" << false << true
+        << "Can not read marker font file /usr/share/cups/fonts/NimbusSans-Regular" + suffix;
+    QTest::newRow("classic: no glyph list, the run goes on")
+        << "data/psglyphs" << false << false << QByteArray();
+    QTest::newRow("classic: a folder for the charset file")
+        << "charsets/utf-8" << true << false << QByteArray();
+}
+
+void TestCommandLine::catalogueThatCannotDrawIsRefused()
+{
+    QFETCH(QString, damage);
+    QFETCH(bool, asFolder);
+    QFETCH(bool, safeOutput);
+    QFETCH(QByteArray, message);
+
+    FixtureTree tree;
+    prepareJob(tree);
+    QVERIFY(QFile::remove(tree.path(QStringLiteral("share-cups/") + damage)));
+    if (asFolder)
+        QVERIFY(QDir().mkpath(tree.path(QStringLiteral("share-cups/") + damage)));
+    // The site's definitions decide; the shipped ones turn print-safe output on.
+    tree.write(QStringLiteral("etc-cups/marker.defs"),
+               safeOutput ? QByteArray("MarkerSafeOutput=1\n") : QByteArray("MarkerTopShift=8\n"));
+
+    const RunResult result = tree.runQuillet(jobArguments());
+
+    QVERIFY2(!result.crashed, qPrintable(describe(result)));
+    if (message.isEmpty()) {
+        QVERIFY2(result.exitCode == 0, qPrintable(describe(result)));
+        QVERIFY(tree.exists(QStringLiteral("job/out.ps")));
+        return;
+    }
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError.endsWith('\n' + message), qPrintable(describe(result)));
     QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
     QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
 }

@@ -6,7 +6,9 @@
 // test's sandbox (see fontsandbox.h) and calls the real Fonts::initialize.
 #include "fontsandbox.h"
 
+#include "common/paths.h"
 #include "fonts/fonts.h"
+#include "settings/variables.h"
 #include "support/messagerecorder.h"
 
 #include <QCoreApplication>
@@ -143,6 +145,9 @@ private slots:
     void fontNamesCompareExactly();
     void manyFontNamesOnOneLine_data();
     void manyFontNamesOnOneLine();
+
+    void catalogueRefusal_data();
+    void catalogueRefusal();
 
     void secondInitializeAddsToTables();
     void resetEmptiesCatalogue();
@@ -650,6 +655,94 @@ void TestFontCatalogue::manyFontNamesOnOneLine()
     // Linear work takes a few tens of milliseconds; a search through every
     // earlier name per name took many seconds.
     QVERIFY2(elapsed < 2000, qPrintable(QStringLiteral("%1 ms").arg(elapsed)));
+}
+
+// With print-safe output a catalogue that cannot draw the marker is refused
+// with a message; without it the same catalogue gives warnings only.
+void TestFontCatalogue::catalogueRefusal_data()
+{
+    QTest::addColumn<bool>("safeOutput");
+    QTest::addColumn<QString>("glyphList");   // file, missing, folder, empty
+    QTest::addColumn<QString>("charsetFile"); // file, missing, folder, bad header, no charsets, bad line
+    QTest::addColumn<QString>("boldFont");    // file, missing, folder
+    QTest::addColumn<QString>("refusal");
+
+    const QString data = QLatin1String(CupsDataDir);
+    const QString glyphs = data + QStringLiteral("/data/psglyphs");
+    const QString charsets = data + QStringLiteral("/charsets/utf-8");
+    const QString bold = Fonts::fontFilePath(QStringLiteral("SansBold"));
+    const QString suffix = QStringLiteral(": the marker would not print");
+    const struct {
+        const char* name;
+        const char* glyphList;
+        const char* charsetFile;
+        const char* boldFont;
+        QString refusal;
+    } cases[] = {
+        {"a complete catalogue", "file", "file", "file", QString()},
+        {"no glyph list", "missing", "file", "file", "Can not read glyph list " + glyphs + suffix},
+        {"a folder for the glyph list", "folder", "file", "file",
+         "Can not read glyph list " + glyphs + suffix},
+        {"an empty glyph list", "empty", "file", "file",
+         "Glyph list " + glyphs + " names no glyphs" + suffix},
+        {"no charset file", "file", "missing", "file", "Can not read charset file " + charsets + suffix},
+        {"a folder for the charset file", "file", "folder", "file",
+         "Can not read charset file " + charsets + suffix},
+        {"a charset file without its header", "file", "bad header", "file",
+         "Charset file " + charsets + " describes no charsets" + suffix},
+        {"a charset file without charsets", "file", "no charsets", "file",
+         "Charset file " + charsets + " describes no charsets" + suffix},
+        {"a charset file with a bad line", "file", "bad line", "file",
+         "Charset file " + charsets + " has a bad line" + suffix},
+        {"no file for a base font in use", "file", "file", "missing",
+         "Can not read marker font file " + bold + suffix},
+        {"a folder for a base font in use", "file", "file", "folder",
+         "Can not read marker font file " + bold + suffix},
+    };
+    for (const auto& row : cases) {
+        QTest::addRow("print-safe: %s", row.name)
+            << true << row.glyphList << row.charsetFile << row.boldFont << row.refusal;
+        QTest::addRow("classic: %s", row.name)
+            << false << row.glyphList << row.charsetFile << row.boldFont << QString();
+    }
+}
+
+void TestFontCatalogue::catalogueRefusal()
+{
+    QFETCH(bool, safeOutput);
+    QFETCH(QString, glyphList);
+    QFETCH(QString, charsetFile);
+    QFETCH(QString, boldFont);
+    QFETCH(QString, refusal);
+
+    const auto place = [](const QString& kind, const QString& relative, const QByteArray& content) {
+        if (kind == QLatin1String("folder"))
+            FontSandbox::makeCatalogueFolder(relative);
+        else if (kind != QLatin1String("missing"))
+            FontSandbox::writeCatalogueFile(relative, content);
+    };
+    place(glyphList, QStringLiteral("data/psglyphs"),
+          glyphList == QLatin1String("empty") ? QByteArray() : SimpleGlyphs);
+    QByteArray charsets = Header + "0000 00FF ltor single Sans SansBold\n";
+    if (charsetFile == QLatin1String("bad header"))
+        charsets = "charset utf-8\n0000 00FF ltor single Sans SansBold\n";
+    else if (charsetFile == QLatin1String("no charsets"))
+        charsets = Header + "# nothing here\n";
+    else if (charsetFile == QLatin1String("bad line"))
+        charsets += "0100 01FF sideways single Sans\n";
+    FontSandbox::makeCatalogueFolder(QStringLiteral("charsets"));
+    place(charsetFile, QStringLiteral("charsets/utf-8"), charsets);
+    FontSandbox::writeCatalogueFile(QStringLiteral("fonts/Sans"), "%!PS-AdobeFont-1.0: Sans\n");
+    place(boldFont, QStringLiteral("fonts/SansBold"), "%!PS-AdobeFont-1.0: SansBold\n");
+
+    Variables::instance().clear();
+    if (safeOutput)
+        Variables::instance().insert(QStringLiteral("MarkerSafeOutput"), QStringLiteral("1"));
+    initializeCatalogue(QStringLiteral("utf-8"));
+    Fonts::instance().setMarkerStyles({0, 1});
+
+    QCOMPARE(Fonts::instance().catalogueRefusal(), refusal);
+    Variables::instance().clear();
 }
 
 // --- Repeated calls -----------------------------------------------------------
