@@ -20,8 +20,10 @@ namespace
 {
 
 // How long one wait for output lasts before the program's state is looked
-// at again.
+// at again; once its output has ended, the program is about to end too and
+// is looked at more often, so that a quick program costs no extra wait.
 constexpr int PollStepMs = 50;
+constexpr int EndedOutputStepMs = 1;
 constexpr int ReadChunk = 65536;
 
 // Reads what the pipe holds now into the output, up to the limit. Returns
@@ -120,7 +122,7 @@ BoundedRun runBounded(const QString& program, const QStringList& arguments, int 
             break;
         }
         pollfd watch{pipe[0], POLLIN, 0};
-        const int step = int(std::min<qint64>(remaining, PollStepMs));
+        const int step = int(std::min<qint64>(remaining, open ? PollStepMs : EndedOutputStepMs));
         if (::poll(&watch, open ? 1 : 0, step) > 0)
             open = readAvailable(pipe[0], run, outputLimit);
         if (run.outputCut)

@@ -74,8 +74,8 @@ private slots:
 
     void startupFailuresAreFatal_data();
     void startupFailuresAreFatal();
-    void specialFilesAreRefused_data();
-    void specialFilesAreRefused();
+    void nonRegularFilesAreRefused_data();
+    void nonRegularFilesAreRefused();
     void catalogueThatCannotDrawIsRefused_data();
     void catalogueThatCannotDrawIsRefused();
 
@@ -307,7 +307,7 @@ void TestCommandLine::startupFailuresAreFatal()
 
 // A FIFO (or a device) where a file is expected would block the run for as
 // long as nobody writes to it: it is refused at once with its own message.
-void TestCommandLine::specialFilesAreRefused_data()
+void TestCommandLine::nonRegularFilesAreRefused_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("fifo");       // FIFO to make below the root, replacing a file there
@@ -334,7 +334,7 @@ void TestCommandLine::specialFilesAreRefused_data()
         << QByteArray("Variables file /dev/zero is not a regular file\n");
 }
 
-void TestCommandLine::specialFilesAreRefused()
+void TestCommandLine::nonRegularFilesAreRefused()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QString, fifo);

@@ -66,6 +66,7 @@ private slots:
     void runScriptExpandsOnlyBracedCommands();
     void scriptThatHangs();
     void scriptsAreRunForEveryReference();
+    void quickScriptsCostNoExtraWait();
     void scriptNestingIsBounded_data();
     void scriptNestingIsBounded();
     void scriptLeavesNoProcessBehind_data();
@@ -353,6 +354,19 @@ void TestMarkerVariables::scriptsAreRunForEveryReference()
              QStringLiteral("1 2"));
     QCOMPARE(Marker::instance().expandVariables(withScripts(QStringLiteral("{SCRIPT:%COUNTER%}"))),
              QStringLiteral("3"));
+}
+
+// A script that ends at once is taken at once: a reference on every page of
+// a long job must not add a fixed wait per run.
+void TestMarkerVariables::quickScriptsCostNoExtraWait()
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (int run = 0; run < 50; ++run)
+        QCOMPARE(Marker::instance().expandVariables(QStringLiteral("{SCRIPT:/bin/echo x}")),
+                 QStringLiteral("x"));
+    // A few milliseconds a run; waiting 50 ms a run would take 2.5 s.
+    QVERIFY2(timer.elapsed() < 2000, QByteArray::number(timer.elapsed()).constData());
 }
 
 // SCRIPT: references may nest inside a command up to 8 deep; a deeper one is
