@@ -12,10 +12,12 @@
 #include "marker/marker.h"
 #include "settings/variables.h"
 #include "support/messagerecorder.h"
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QBuffer>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -275,6 +277,8 @@ private slots:
     void definitionsWrittenInOneWrite();
     void definitionsOutsidePostScriptSyntax_data();
     void definitionsOutsidePostScriptSyntax();
+    void definitionsReadByGhostscript_data();
+    void definitionsReadByGhostscript();
     void definitionsReadAfreshOnEveryCall();
 
     // Measuring and painting at the named positions
@@ -301,6 +305,8 @@ private slots:
     void drawAtOffset();
     void coordinatesNoInterpreterReads_data();
     void coordinatesNoInterpreterReads();
+    void coordinatesReadByGhostscript_data();
+    void coordinatesReadByGhostscript();
 
     // Per-page emission
     void orientation_data();
@@ -482,6 +488,31 @@ void TestMarkerDrawing::definitionsOutsidePostScriptSyntax()
     MessageRecorder recorder;
     COMPARE_BYTES(commonVariablesOutput(fonarik, false), expected);
     QCOMPARE(recorder.texts(QtWarningMsg), warnings);
+}
+
+// The same values, as a printer sees them: Ghostscript reads the section
+// and computes with every definition without an error.
+void TestMarkerDrawing::definitionsReadByGhostscript_data()
+{
+    definitionsOutsidePostScriptSyntax_data();
+}
+
+void TestMarkerDrawing::definitionsReadByGhostscript()
+{
+    QFETCH(QStringList, variables);
+    QFETCH(bool, fonarik);
+    if (!haveProgram(QStringLiteral("gs")))
+        QSKIP("Ghostscript (gs) is needed");
+
+    setVariables(variables);
+    MessageRecorder recorder;
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("section.ps"));
+    QVERIFY(writeFile(file, "%!PS\n" + commonVariablesOutput(fonarik, false) +
+                                "markerTopShift markerBottomShift markerLeftShift markerRightShift "
+                                "markerStringInterval add add add add 1 add pop\n"));
+    const QString errors = ghostscriptErrors(file);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
 }
 
 void TestMarkerDrawing::definitionsWrittenInOneWrite()
@@ -842,6 +873,33 @@ void TestMarkerDrawing::coordinatesNoInterpreterReads()
     COMPARE_BYTES(buffer.data(), "/markerTopShift " + top + " def\n/markerLeftShift " + left + " def\n" +
                                      TopStart + paintedString(0, 0, "12", 1, false));
     QCOMPARE(recorder.texts(QtWarningMsg), warnings);
+}
+
+void TestMarkerDrawing::coordinatesReadByGhostscript_data()
+{
+    coordinatesNoInterpreterReads_data();
+}
+
+void TestMarkerDrawing::coordinatesReadByGhostscript()
+{
+    QFETCH(QString, position);
+    if (!haveProgram(QStringLiteral("gs")))
+        QSKIP("Ghostscript (gs) is needed");
+
+    // Only the two definitions; the strings need the marker fonts.
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    MessageRecorder recorder;
+    Marker::instance().drawAtOffset(buffer, position, {makeString(QStringLiteral("c"))});
+    const QByteArray output = buffer.data();
+    const int definitionsEnd = output.indexOf(TopStart);
+    QVERIFY(definitionsEnd > 0);
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("position.ps"));
+    QVERIFY(writeFile(file, "%!PS\n" + output.left(definitionsEnd) +
+                                "markerTopShift markerLeftShift add 1 add pop\n"));
+    const QString errors = ghostscriptErrors(file);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
 }
 
 // --- Per-page emission -------------------------------------------------------------
