@@ -98,5 +98,41 @@
         <source>Variables file %1 doesn&apos;t exist</source>
         <translation>Файл переменных %1 не существует</translation>
     </message>
+    <message>
+        <source>Variables file %1 is not a regular file</source>
+        <translation>Файл переменных %1 не является обычным файлом</translation>
+    </message>
+    <message>
+        <source>Marker definition file %1 is not a regular file</source>
+        <translation>Файл определений маркера %1 не является обычным файлом</translation>
+    </message>
+    <message>
+        <source>Marker template file %1 is not a regular file</source>
+        <translation>Файл шаблона маркера %1 не является обычным файлом</translation>
+    </message>
+    <message>
+        <source>Can not read glyph list %1: the marker would not print</source>
+        <translation>Не удаётся прочитать список глифов %1: маркер не был бы напечатан</translation>
+    </message>
+    <message>
+        <source>Glyph list %1 names no glyphs: the marker would not print</source>
+        <translation>Список глифов %1 не содержит ни одного глифа: маркер не был бы напечатан</translation>
+    </message>
+    <message>
+        <source>Can not read charset file %1: the marker would not print</source>
+        <translation>Не удаётся прочитать файл наборов символов %1: маркер не был бы напечатан</translation>
+    </message>
+    <message>
+        <source>Charset file %1 has a bad line: the marker would not print</source>
+        <translation>В файле наборов символов %1 есть неверная строка: маркер не был бы напечатан</translation>
+    </message>
+    <message>
+        <source>Charset file %1 describes no charsets: the marker would not print</source>
+        <translation>Файл наборов символов %1 не описывает ни одного набора: маркер не был бы напечатан</translation>
+    </message>
+    <message>
+        <source>Can not read marker font file %1: the marker would not print</source>
+        <translation>Не удаётся прочитать файл шрифта маркера %1: маркер не был бы напечатан</translation>
+    </message>
 </context>
 </TS>

@@ -5,6 +5,7 @@
 
 #include "app/printerror.h"
 #include "common/paths.h"
+#include "common/regularfile.h"
 #include "common/status.h"
 #include "document/quillet.h"
 #include "fonts/fonts.h"
@@ -33,14 +34,30 @@ QString mainText(const char* text)
 
 // Fills the store: the variables file, then the run's date and time, then the
 // marker definitions file, each replacing earlier keys of the same name.
+// Opens a file that start-up reads. A FIFO or device is refused before it is
+// read, so that it cannot block the run; name is the file as reported.
+Status openStartupFile(QFile& file, const char* notRegularText, const char* unreadableText, const QString& name)
+{
+    switch (openRegularFile(file)) {
+    case RegularFileOpen::Opened:
+        return Status();
+    case RegularFileOpen::NotRegular:
+        return Status::failure(mainText(notRegularText).arg(name));
+    default:
+        return Status::failure(mainText(unreadableText).arg(name));
+    }
+}
+
 Status loadVariables(const QString& variablesFile)
 {
     Variables& variables = Variables::instance();
 
     QFile file(variablesFile);
-    if (!file.open(QIODevice::ReadOnly))
-        return Status::failure(
-            mainText(QT_TRANSLATE_NOOP("main", "Can not read marker variables file %1")).arg(variablesFile));
+    if (const Status status = openStartupFile(file, QT_TRANSLATE_NOOP("main", "Variables file %1 is not a regular file"),
+                                              QT_TRANSLATE_NOOP("main", "Can not read marker variables file %1"),
+                                              variablesFile);
+        !status.ok())
+        return status;
     variables.read(file);
     variables.insert(QStringLiteral("DATE"), QDate::currentDate().toString(QStringLiteral("dd.MM.yyyy")));
     variables.insert(QStringLiteral("TIME"), QTime::currentTime().toString(QStringLiteral("hh:mm:ss")));
@@ -50,9 +67,11 @@ Status loadVariables(const QString& variablesFile)
     if (!file.exists())
         return Status::failure(
             mainText(QT_TRANSLATE_NOOP("main", "Can not find marker definition file %1")).arg(file.fileName()));
-    if (!file.open(QIODevice::ReadOnly))
-        return Status::failure(mainText(QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1"))
-                                   .arg(file.fileName()));
+    if (const Status status =
+            openStartupFile(file, QT_TRANSLATE_NOOP("main", "Marker definition file %1 is not a regular file"),
+                            QT_TRANSLATE_NOOP("main", "Can not read marker definition file %1"), file.fileName());
+        !status.ok())
+        return status;
     variables.read(file);
     file.close();
     return Status();
@@ -61,9 +80,11 @@ Status loadVariables(const QString& variablesFile)
 Status loadTemplate(const QString& templateFile)
 {
     QFile file(templateFile);
-    if (!file.open(QIODevice::ReadOnly))
-        return Status::failure(
-            mainText(QT_TRANSLATE_NOOP("main", "Can not read marker format file %1")).arg(templateFile));
+    if (const Status status =
+            openStartupFile(file, QT_TRANSLATE_NOOP("main", "Marker template file %1 is not a regular file"),
+                            QT_TRANSLATE_NOOP("main", "Can not read marker format file %1"), templateFile);
+        !status.ok())
+        return status;
     Marker::instance().readTemplate(file);
     file.close();
     return Status();
@@ -108,6 +129,9 @@ Status run(const QString& input, const QString& templateFile, const QString& var
     Fonts& fonts = Fonts::instance();
     fonts.initialize(Marker::instance().charset());
     fonts.setMarkerStyles(Marker::instance().fontStyles());
+    const QString catalogueRefusal = fonts.catalogueRefusal();
+    if (!catalogueRefusal.isEmpty())
+        return Status::failure(catalogueRefusal);
 
     return Quillet().process(input, templateFile, variablesFile, output, duplex);
 }

@@ -2,6 +2,8 @@
 // the two-byte encoding of marker text and the supplied-resources comment.
 #include "fonts/fonts.h"
 
+#include "common/postscriptnumber.h"
+
 #include <QIODevice>
 
 namespace {
@@ -44,6 +46,13 @@ QString sizeText(float size)
 
 void Fonts::setFont(QIODevice& out, int style, float size)
 {
+    // The template reader gives only usable sizes; any other caller's size
+    // that no interpreter could read is replaced by the default one.
+    if (!isPostScriptReal(size)) {
+        qWarning("Font size '%s' is not a PostScript number, 12 is used!",
+                 sizeText(size).toLocal8Bit().constData());
+        size = 12.0f;
+    }
     out.write(QString::fromLatin1(SelectFont)
                   .arg(QLatin1String(markerFontNames[style]), sizeText(size))
                   .toLatin1());
@@ -74,7 +83,32 @@ QString Fonts::encodeString(const QString& text) const
 
 void Fonts::writeString(QIODevice& out, const QString& text) const
 {
-    out.write(encodeString(text).toLatin1());
+    // The same bytes as encodeString, written piece by piece: a long text
+    // never has its four-times-larger encoding held whole in memory.
+    constexpr int PieceCharacters = 4096;
+    QByteArray piece;
+    piece.reserve(4 * PieceCharacters + 2);
+    piece += '<';
+    const int length = text.size();
+    for (int i = 0; i < length; ++i) {
+        // A surrogate pair is one code point; a lone surrogate is taken as
+        // U+FFFD, as QString::toUcs4 takes it.
+        uint codePoint = text.at(i).unicode();
+        if (QChar::isHighSurrogate(codePoint) && i + 1 < length && text.at(i + 1).isLowSurrogate()) {
+            codePoint = QChar::surrogateToUcs4(text.at(i).unicode(), text.at(i + 1).unicode());
+            ++i;
+        } else if (QChar::isSurrogate(codePoint)) {
+            codePoint = QChar::ReplacementCharacter;
+        }
+        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0;
+        piece += QByteArray::number(code, 16).rightJustified(4, '0');
+        if (piece.size() >= 4 * PieceCharacters) {
+            out.write(piece);
+            piece.clear();
+        }
+    }
+    piece += '>';
+    out.write(piece);
 }
 
 void Fonts::writeSuppliedResources(QIODevice& out) const

@@ -4,7 +4,6 @@
 // style whose descendant i is the re-encoded base font of charset i.
 #include "fonts/fonts.h"
 
-#include "common/paths.h"
 #include "common/trace.h"
 #include "settings/variables.h"
 
@@ -15,8 +14,6 @@
 #include <cstdlib>
 
 namespace {
-
-const char FontsFolder[] = "/fonts/";
 
 const char BeginFontResource[] = "%%BeginResource: font ";
 const char EndFontResource[] = "\n%%EndResource\n";
@@ -118,7 +115,7 @@ void Fonts::writeFontResources(QIODevice& out) const
     // under a new name, renamed throughout its program text.
     QMap<QString, QString> substituteFontNames;
     for (const QString& font : qAsConst(fonts)) {
-        QFile file(QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font);
+        QFile file(fontFilePath(font));
         if (!file.open(QIODevice::ReadOnly)) {
             qWarning("Can not read font file %s", file.fileName().toLocal8Bit().constData());
             continue;

@@ -9,7 +9,11 @@
 #include "fonts/fonts.h"
 
 #include "common/paths.h"
+#include "common/regularfile.h"
 #include "common/trace.h"
+#include "settings/variables.h"
+
+#include <QCoreApplication>
 
 #include <QDebug>
 #include <QFile>
@@ -22,6 +26,7 @@ const char GlyphListFile[] = "/data/psglyphs";
 const char CharsetsFolder[] = "/charsets/";
 const char DefaultCharset[] = "utf-8";
 const char CharsetFileHeader[] = "charset utf8\n";
+const char FontsFolder[] = "/fonts/";
 
 } // namespace
 
@@ -56,12 +61,16 @@ void Fonts::reset()
     m_conflictingDocumentFonts.clear();
     m_markerStyles.clear();
     m_requiredFonts.clear();
+    m_problem = CatalogueProblem::None;
+    m_problemFile.clear();
 }
 
 bool Fonts::initialize(const QString& charset)
 {
     qWarning() << "bool Fonts::initialize(const QString&)" << charset;
     m_charsetCount = 0;
+    m_problem = CatalogueProblem::None;
+    m_problemFile.clear();
     if (!readGlyphList())
         return false;
     return readCharsets(charset);
@@ -72,8 +81,11 @@ bool Fonts::readGlyphList()
     QFile file(QLatin1String(CupsDataDir) + QLatin1String(GlyphListFile));
     if (!file.open(QIODevice::ReadOnly)) {
         qWarning("Can not open glyphs file!");
+        m_problem = CatalogueProblem::GlyphListUnreadable;
+        m_problemFile = file.fileName();
         return false;
     }
+    int names = 0;
     for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
         const QList<QByteArray> fields = line.split(' ');
         // Lines without a name or with a code beyond the table are outside
@@ -87,23 +99,40 @@ bool Fonts::readGlyphList()
         if (code < 0 || code >= CodeCount)
             continue;
         m_glyphNames[code] = fields.at(1).simplified();
+        names += !m_glyphNames[code].isEmpty();
     }
     file.close();
+    if (names == 0) {
+        m_problem = CatalogueProblem::GlyphListEmpty;
+        m_problemFile = file.fileName();
+    }
     return true;
+}
+
+bool Fonts::isCharsetFileName(const QString& name)
+{
+    return !name.contains(QLatin1Char('/')) && !name.contains(QLatin1String("..")) &&
+           !name.contains(QChar(0));
 }
 
 bool Fonts::readCharsets(const QString& charset)
 {
+    // A name that would lead out of the charsets folder is treated like a
+    // charset without a file: the default charset is read instead.
     const QString folder = QLatin1String(CupsDataDir) + QLatin1String(CharsetsFolder);
     QFile file(folder + charset);
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (!isCharsetFileName(charset) || !file.open(QIODevice::ReadOnly)) {
         qWarning("Can not open %s charset file!", charset.toLocal8Bit().constData());
         file.setFileName(folder + QLatin1String(DefaultCharset));
         if (!file.open(QIODevice::ReadOnly)) {
             qWarning("Can not open utf-8 charset file!");
+            m_problem = CatalogueProblem::CharsetFileUnreadable;
+            m_problemFile = file.fileName();
             return false;
         }
     }
+
+    m_charsetFile = file.fileName();
 
     // A file without the exact header is closed; the loop below then reads
     // nothing and the catalogue stays without charsets. (The loop tests that
@@ -113,6 +142,8 @@ bool Fonts::readCharsets(const QString& charset)
         qWarning("Bad/Empty charset file %s !", file.fileName().toLocal8Bit().constData());
     }
 
+    // The names met so far, this call's and an earlier call's alike.
+    QSet<QString> knownFonts(m_uniqueFonts.cbegin(), m_uniqueFonts.cend());
     while (file.isOpen()) {
         const QByteArray line = file.readLine();
         if (line.isEmpty())
@@ -123,6 +154,8 @@ bool Fonts::readCharsets(const QString& charset)
         if (fields.size() < 5) {
             file.close();
             qWarning("Bad font description line: %s", line.constData());
+            m_problem = CatalogueProblem::CharsetLineBad;
+            m_problemFile = file.fileName();
             return false;
         }
         bool ok = false;
@@ -130,12 +163,16 @@ bool Fonts::readCharsets(const QString& charset)
         if (!ok) {
             file.close();
             qWarning("Bad start value!");
+            m_problem = CatalogueProblem::CharsetLineBad;
+            m_problemFile = file.fileName();
             return false;
         }
         const uint end = fields.at(1).toUInt(&ok, 16);
         if (!ok) {
             file.close();
             qWarning("Bad end value!");
+            m_problem = CatalogueProblem::CharsetLineBad;
+            m_problemFile = file.fileName();
             return false;
         }
 
@@ -147,6 +184,8 @@ bool Fonts::readCharsets(const QString& charset)
         } else {
             file.close();
             qWarning("Wrong text direction: %s", fields.at(2).toLocal8Bit().constData());
+            m_problem = CatalogueProblem::CharsetLineBad;
+            m_problemFile = file.fileName();
             return false;
         }
         if (fields.at(3) == QLatin1String("single")) {
@@ -156,14 +195,19 @@ bool Fonts::readCharsets(const QString& charset)
         } else {
             file.close();
             qWarning("Wrong text width %s", fields.at(3).toLocal8Bit().constData());
+            m_problem = CatalogueProblem::CharsetLineBad;
+            m_problemFile = file.fileName();
             return false;
         }
 
         // Names beyond the fourth are listed as fonts but belong to no style;
-        // styles without a name of their own take the first.
+        // styles without a name of their own take the first. The set answers
+        // "met before?" at once, however many names a line holds.
         for (int i = 4; i < fields.size(); ++i) {
-            if (!m_uniqueFonts.contains(fields.at(i)))
+            if (!knownFonts.contains(fields.at(i))) {
+                knownFonts.insert(fields.at(i));
                 m_uniqueFonts.append(fields.at(i));
+            }
         }
         for (int style = 0; style < StyleCount; ++style)
             m_fontNames[n][style] = fields.value(4 + style, fields.at(4));
@@ -184,6 +228,52 @@ bool Fonts::readCharsets(const QString& charset)
     file.close();
     trace(QStringLiteral("Unique fonts: %1").arg(m_uniqueFonts.join(QStringLiteral(", "))));
     return true;
+}
+
+QString Fonts::fontFilePath(const QString& font)
+{
+    return QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font;
+}
+
+QString Fonts::catalogueRefusal() const
+{
+    if (!Variables::instance().safeOutput())
+        return QString();
+
+    const auto refusal = [](const char* text, const QString& file) {
+        return QCoreApplication::translate("main", text).arg(file);
+    };
+    switch (m_problem) {
+    case CatalogueProblem::GlyphListUnreadable:
+        return refusal(QT_TRANSLATE_NOOP("main", "Can not read glyph list %1: the marker would not print"),
+                       m_problemFile);
+    case CatalogueProblem::GlyphListEmpty:
+        return refusal(QT_TRANSLATE_NOOP("main", "Glyph list %1 names no glyphs: the marker would not print"),
+                       m_problemFile);
+    case CatalogueProblem::CharsetFileUnreadable:
+        return refusal(QT_TRANSLATE_NOOP("main", "Can not read charset file %1: the marker would not print"),
+                       m_problemFile);
+    case CatalogueProblem::CharsetLineBad:
+        return refusal(
+            QT_TRANSLATE_NOOP("main", "Charset file %1 has a bad line: the marker would not print"),
+            m_problemFile);
+    case CatalogueProblem::None:
+        break;
+    }
+    if (m_charsetCount == 0)
+        return refusal(
+            QT_TRANSLATE_NOOP("main", "Charset file %1 describes no charsets: the marker would not print"),
+            m_charsetFile);
+
+    // Every base font the marker styles need must have a readable file.
+    for (const QString& font : m_requiredFonts) {
+        QFile file(fontFilePath(font));
+        if (openRegularFile(file) != RegularFileOpen::Opened)
+            return refusal(
+                QT_TRANSLATE_NOOP("main", "Can not read marker font file %1: the marker would not print"),
+                file.fileName());
+    }
+    return QString();
 }
 
 QStringList Fonts::fontsForStyle(int style) const

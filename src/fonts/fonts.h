@@ -37,6 +37,24 @@ public:
     // false when the catalogue could not be read completely.
     bool initialize(const QString& charset);
 
+    // Whether a charset name names a file of the charsets folder and nothing
+    // else: it holds no "/", no ".." and no NUL. An empty name is left to the
+    // fallback of initialize.
+    static bool isCharsetFileName(const QString& name);
+
+    // The file of a base font program: the fonts folder of the CUPS data
+    // directory and the font's name as the charset file spells it.
+    static QString fontFilePath(const QString& font);
+
+    // With print-safe output (Variables::safeOutput), the reason why the
+    // catalogue cannot draw the marker, as a translated message for
+    // standard error: the glyph list or the charset file could not be read,
+    // names no glyphs or no charsets, has a bad line, or a base font that
+    // the marker styles need has no readable file. Empty when the catalogue
+    // can draw it, and always empty without print-safe output, where such
+    // problems are warnings only. Called after setMarkerStyles.
+    QString catalogueRefusal() const;
+
     // The distinct base fonts of a style over all charsets, in charset order.
     QStringList fontsForStyle(int style) const;
 
@@ -83,7 +101,7 @@ public:
     // Returns the PostScript hexadecimal string of two-byte marker codes for a text.
     QString encodeString(const QString& text) const;
 
-    // Writes encodeString(text) as Latin-1 bytes.
+    // Writes encodeString(text) as Latin-1 bytes, in pieces of bounded size.
     void writeString(QIODevice& out, const QString& text) const;
 
     // Writes the document-supplied-resources comment for the unique fonts.
@@ -94,6 +112,18 @@ private:
 
     bool readGlyphList();
     bool readCharsets(const QString& charset);
+
+    // What went wrong in the last initialize, for catalogueRefusal.
+    enum class CatalogueProblem {
+        None,
+        GlyphListUnreadable,
+        GlyphListEmpty,
+        CharsetFileUnreadable,
+        CharsetLineBad
+    };
+    CatalogueProblem m_problem = CatalogueProblem::None;
+    QString m_problemFile;
+    QString m_charsetFile; // the charset file read by the last initialize
 
     std::array<QByteArray, CodeCount> m_glyphNames;
     std::array<std::array<QString, StyleCount>, MaxCharsets> m_fontNames;

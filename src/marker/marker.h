@@ -7,6 +7,7 @@
 #include <QMap>
 #include <QSet>
 #include <QString>
+#include <QStringView>
 
 class QIODevice;
 
@@ -43,6 +44,14 @@ public:
     // Returns the text with every [NAME] or {NAME} reference replaced by its
     // value from the store, a site script or the user directory.
     QString expandVariables(const QString& text) const;
+
+    // The most marker strings a template may hold (pieces of "^"-split
+    // texts included); further strings are ignored with a warning.
+    static constexpr int MaxMarkerStrings = 4096;
+
+    // How deep SCRIPT: references may nest inside a command; a deeper one is
+    // not run and gives an empty text.
+    static constexpr int MaxScriptNesting = 8;
 
     // Runs a command line and returns its trimmed standard output.
     QString runScript(const QString& command) const;
@@ -90,7 +99,9 @@ public:
 private:
     Marker() = default;
 
-    void addString(int pageType, const QString& position, const MarkerStringPtr& string);
+    bool addString(int pageType, const QString& position, const MarkerStringPtr& string);
+    QString expandReferences(QStringView text, int scriptDepth) const;
+    QString runScriptAt(QStringView command, int scriptDepth) const;
     void drawPosition(QIODevice& out, int position, const MarkerStringList& strings) const;
 
     QMap<int, MarkerPositionMap> m_strings;
@@ -98,4 +109,5 @@ private:
     bool m_replaceUnderscore = false;
     QString m_charset = QStringLiteral("utf-8");
     QSet<int> m_fontStyles;
+    int m_stringCount = 0; // strings added, and those refused beyond the bound
 };

@@ -3,12 +3,15 @@
 // printer, painted on a white box, shown in black and optionally underlined.
 #include "marker/marker.h"
 
+#include "common/postscriptnumber.h"
 #include "fonts/fonts.h"
 #include "marker/markerpositions.h"
 #include "settings/variables.h"
 
 #include <QIODevice>
 #include <QStringList>
+
+#include <algorithm>
 
 namespace {
 
@@ -134,6 +137,29 @@ const PositionSnippets Positions[MarkerPosition::Count] = {
      "font-underline-pos add moveto rPart 0 rlineto closepath stroke\n"},
 };
 
+// One number of a coordinate position in user-space units. A group that does
+// not read as a number counts as 0; so does, with a warning, one whose value
+// no interpreter can read back (such as a group of 400 digits).
+double coordinate(const QString& group, const QString& position, bool millimetres)
+{
+    bool ok = false;
+    double value = group.toDouble(&ok);
+    if (millimetres)
+        value /= MillimetreFactor;
+    if (isPostScriptReal(value))
+        return ok ? value : 0.0;
+    qWarning("Coordinate '%s' of position '%s' is not a PostScript number, 0 is used!",
+             group.toLocal8Bit().constData(), position.toLocal8Bit().constData());
+    return 0.0;
+}
+
+// Whether a text is empty or only white space (as trimmed() would find it,
+// without making a copy).
+bool isBlank(const QString& text)
+{
+    return std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isSpace(); });
+}
+
 int totalStrings(const MarkerPositionMap& map)
 {
     int count = 0;
@@ -166,12 +192,20 @@ void Marker::writeCommonVariables(QIODevice& out, bool fonarik, bool landscape) 
     }
 
     // A value that reads as a number is written as it stands, blanks included.
+    // Only a number in PostScript's own syntax is: a value such as "inf" or
+    // one of 400 digits would stop the job on the printer, so it gives 0 and
+    // a warning.
     QByteArray definitions;
     for (const PlacementKey& key : PlacementKeys) {
         const QString name = fonarik ? prefix + QLatin1String(key.fonarikKey) : QLatin1String(key.markerKey);
         const QString value = variables.value(name);
         bool isNumber = false;
         value.toFloat(&isNumber);
+        if (isNumber && !isPostScriptNumber(value)) {
+            qWarning("Value '%s' of %s is not a PostScript number, 0 is used!",
+                     value.toLocal8Bit().constData(), name.toLocal8Bit().constData());
+            isNumber = false;
+        }
         definitions += '/';
         definitions += key.name;
         definitions += ' ';
@@ -188,7 +222,7 @@ void Marker::measureString(QIODevice& out, const MarkerStringPtr& string) const
     Fonts& fonts = Fonts::instance();
     fonts.setFont(out, string->fontStyle, string->fontSize);
     out.write(MeasureStart);
-    out.write(fonts.encodeString(string->expandedText).toLatin1());
+    fonts.writeString(out, string->expandedText);
     out.write(MeasureOutline);
     out.write(DefineStringBox);
 }
@@ -207,9 +241,11 @@ void Marker::drawPosition(QIODevice& out, int position, const MarkerStringList& 
         const MarkerStringPtr& string = strings.at(snippets.top ? i : strings.size() - 1 - i);
         if (!string)
             continue;
-        if (!string->expanded)
+        if (!string->expanded) {
+            string->expandedText.clear(); // the last page's text is not kept beside the new one
             string->expandedText = expandVariables(string->text);
-        if (string->expandedText.trimmed().isEmpty())
+        }
+        if (isBlank(string->expandedText))
             continue;
 
         measureString(out, string);
@@ -268,12 +304,8 @@ void Marker::drawAtOffset(QIODevice& out, const QString& position, const MarkerS
     }
 
     // A group that does not read as a number (such as "1,5") counts as 0.
-    double x = match.captured(1).toDouble();
-    double y = match.captured(2).toDouble();
-    if (millimetres) {
-        x /= MillimetreFactor;
-        y /= MillimetreFactor;
-    }
+    const double x = coordinate(match.captured(1), position, millimetres);
+    const double y = coordinate(match.captured(2), position, millimetres);
     out.write("/markerTopShift " + QByteArray::number(y, 'g', 6) + " def\n");
     out.write("/markerLeftShift " + QByteArray::number(x, 'g', 6) + " def\n");
     drawPosition(out, MarkerPosition::TopLeft, strings);

@@ -5,7 +5,9 @@
 //   page type : style : size [: underline] : extra : position : text
 #include "marker/marker.h"
 
+#include "common/postscriptnumber.h"
 #include "common/trace.h"
+#include "fonts/fonts.h"
 #include "marker/markerpositions.h"
 #include "settings/variables.h"
 
@@ -18,22 +20,22 @@ namespace {
 // do not nest; square brackets do not protect.
 QStringList splitFields(const QString& line)
 {
+    // Each field is copied once, at its exact size.
     QStringList fields;
-    QString field;
+    int start = 0;
     bool protectedByBrace = false;
-    for (const QChar c : line) {
+    for (int i = 0; i < line.size(); ++i) {
+        const QChar c = line.at(i);
         if (c == QLatin1Char('{'))
             protectedByBrace = true;
         else if (c == QLatin1Char('}'))
             protectedByBrace = false;
         if (c == QLatin1Char(':') && !protectedByBrace) {
-            fields.append(field);
-            field.clear();
-        } else {
-            field.append(c);
+            fields.append(line.mid(start, i - start));
+            start = i + 1;
         }
     }
-    fields.append(field);
+    fields.append(line.mid(start));
     return fields;
 }
 
@@ -46,6 +48,17 @@ int indexOf(const char* const (&words)[N], const QString& word)
             return i;
     }
     return -1;
+}
+
+// The charset name itself, or the default "utf-8" with a warning when the
+// name would lead out of the charsets folder.
+QString checkedCharset(const QString& name)
+{
+    if (Fonts::isCharsetFileName(name))
+        return name;
+    qWarning("Charset name '%s' is not a file of the charsets folder, utf-8 is used!",
+             name.toLocal8Bit().constData());
+    return QStringLiteral("utf-8");
 }
 
 bool isKnownPosition(const QString& position)
@@ -68,9 +81,18 @@ void Marker::reset()
     *this = Marker();
 }
 
-void Marker::addString(int pageType, const QString& position, const MarkerStringPtr& string)
+bool Marker::addString(int pageType, const QString& position, const MarkerStringPtr& string)
 {
+    // Every string costs memory beyond its text, and a few bytes of template
+    // ("^^^^") can ask for many strings: their number is bounded.
+    if (m_stringCount >= MaxMarkerStrings) {
+        if (m_stringCount++ == MaxMarkerStrings)
+            qWarning("Template holds more than %d marker strings, the rest is ignored!", MaxMarkerStrings);
+        return false;
+    }
+    ++m_stringCount;
     m_strings[pageType][position].append(string);
+    return true;
 }
 
 void Marker::readTemplate(QIODevice& device)
@@ -79,10 +101,11 @@ void Marker::readTemplate(QIODevice& device)
     m_fontStyles.clear();
 
     for (;;) {
-        const QByteArray raw = device.readLine();
+        QByteArray raw = device.readLine();
         if (raw.isEmpty())
             break;
-        const QString line = QString::fromUtf8(raw.simplified());
+        // The raw bytes are let go at once: a long line is held only as text.
+        const QString line = QString::fromUtf8(std::move(raw).simplified());
         if (line.isEmpty())
             continue;
 
@@ -102,7 +125,7 @@ void Marker::readTemplate(QIODevice& device)
                 continue;
             }
             if (line.startsWith(QLatin1String("charset"), Qt::CaseInsensitive)) {
-                m_charset = value;
+                m_charset = checkedCharset(value);
                 continue;
             }
         }
@@ -121,6 +144,11 @@ void Marker::readTemplate(QIODevice& device)
         string->extra = fields.at(4);
         bool sizeOk = false;
         const float size = fields.at(2).toFloat(&sizeOk);
+        if (sizeOk && size > 0 && !isPostScriptReal(size)) {
+            qWarning("Font size '%s' is not a PostScript number, 12 is used!",
+                     fields.at(2).toLocal8Bit().constData());
+            sizeOk = false;
+        }
         string->fontSize = sizeOk && size > 0 ? size : 12.0f;
         string->underline = fields.at(3) == QLatin1String("underline");
         // The style counts as used even when the line is rejected below.
@@ -140,13 +168,20 @@ void Marker::readTemplate(QIODevice& device)
         // A text with square brackets is expanded now, once; "^" splits the
         // result into several strings. Other texts are expanded per page.
         if (string->text.contains(QLatin1Char('[')) && string->text.contains(QLatin1Char(']'))) {
-            const QStringList pieces = expandVariables(string->text).split(QLatin1Char('^'));
-            for (const QString& piece : pieces) {
+            // The pieces are taken one at a time, so that a text of many
+            // pieces is never held as a list of all of them.
+            const QString expandedText = expandVariables(string->text);
+            for (int start = 0;;) {
+                int end = expandedText.indexOf(QLatin1Char('^'), start);
+                if (end < 0)
+                    end = expandedText.size();
                 auto expanded = MarkerStringPtr::create(*string);
                 expanded->text.clear();
-                expanded->expandedText = piece;
+                expanded->expandedText = expandedText.mid(start, end - start);
                 expanded->expanded = true;
-                addString(pageType, position, expanded);
+                if (!addString(pageType, position, expanded) || end == expandedText.size())
+                    break;
+                start = end + 1;
             }
         } else {
             addString(pageType, position, string);
@@ -156,5 +191,5 @@ void Marker::readTemplate(QIODevice& device)
 
     const Variables& variables = Variables::instance();
     if (variables.contains(QStringLiteral("mac-marker-font")))
-        m_charset = variables.value(QStringLiteral("mac-marker-font"));
+        m_charset = checkedCharset(variables.value(QStringLiteral("mac-marker-font")));
 }

@@ -2,6 +2,7 @@
 // from a site script ("SCRIPT:") and from the user directory ("FREEIPA:").
 #include "marker/marker.h"
 
+#include "common/boundedprocess.h"
 #include "settings/variables.h"
 
 #include <QMap>
@@ -10,8 +11,40 @@
 
 namespace {
 
-// How long a site script or the directory client may run.
-constexpr int ProgramWaitMs = 4000;
+// How long each outside program (a site script, kinit, the directory
+// client) may run, and how much of its standard output is kept, unless the
+// definitions say otherwise: keys, defaults and the largest values allowed.
+const char ProgramTimeoutKey[] = "MarkerProgramTimeout";
+constexpr int DefaultProgramTimeoutMs = 4000;
+constexpr int MaxProgramTimeoutMs = 60000;
+const char ProgramOutputLimitKey[] = "MarkerProgramOutputLimit";
+constexpr int DefaultProgramOutputLimit = 65536;
+constexpr int MaxProgramOutputLimit = 16 * 1024 * 1024;
+
+// A limit from the store: a whole number from 1 to the largest value
+// allowed, or the default (with a warning when the key holds anything else).
+int programLimit(const char* key, int defaultValue, int maxValue)
+{
+    const Variables& variables = Variables::instance();
+    if (!variables.contains(QLatin1String(key)))
+        return defaultValue;
+    const QString text = variables.value(QLatin1String(key));
+    bool ok = false;
+    const int value = text.trimmed().toInt(&ok, 10);
+    if (ok && value >= 1 && value <= maxValue)
+        return value;
+    qWarning("Value '%s' of %s is not a whole number from 1 to %d, %d is used!",
+             text.toLocal8Bit().constData(), key, maxValue, defaultValue);
+    return defaultValue;
+}
+
+// Runs an outside program within the limits of the definitions.
+BoundedRun runProgram(const QString& program, const QStringList& arguments)
+{
+    return runBounded(program, arguments,
+                      programLimit(ProgramTimeoutKey, DefaultProgramTimeoutMs, MaxProgramTimeoutMs),
+                      programLimit(ProgramOutputLimitKey, DefaultProgramOutputLimit, MaxProgramOutputLimit));
+}
 
 // Variables holding security labels; "replace_underscore" applies to them only.
 const QStringList& securityLabelVariables()
@@ -23,16 +56,6 @@ const QStringList& securityLabelVariables()
         QStringLiteral("LEV_NAME"),      QStringLiteral("ILEV_NAME"),
         QStringLiteral("CAT_NAME")};
     return names;
-}
-
-// Ends a program that outlived its wait. Left running, it would be killed
-// by the process object's destructor with a warning on standard error.
-void stopProgram(QProcess& process)
-{
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
-    }
 }
 
 bool isOpening(QChar c)
@@ -49,61 +72,85 @@ bool isClosing(QChar c)
 
 QString Marker::expandVariables(const QString& text) const
 {
+    return expandReferences(text, 0);
+}
+
+// The expansion works on views of the text: a reference's name, and a
+// command within it, are never copied, so nested references cost no more
+// memory than the text itself whatever their depth. scriptDepth counts the
+// SCRIPT: references that the text lies in.
+QString Marker::expandReferences(QStringView text, int scriptDepth) const
+{
     static const QLatin1String scriptPrefix("SCRIPT:");
     static const QLatin1String directoryPrefix("FREEIPA:");
 
     // One pass with a depth counter: only the outermost brackets delimit a
-    // reference. A stray closing bracket makes the depth negative, and from
-    // then on the rest of the text is copied as it stands.
+    // reference, and everything between them is its name. A stray closing
+    // bracket makes the depth negative, and from then on the rest of the
+    // text is copied as it stands.
+    // Text outside references is appended in runs, not character by
+    // character; plainStart is where the current run began.
     QString result;
-    QString name;
+    qsizetype plainStart = 0;
+    qsizetype nameStart = 0;
     int depth = 0;
-    for (const QChar c : text) {
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
         if (isOpening(c)) {
             if (++depth == 1) {
-                name.clear();
+                result += text.mid(plainStart, i - plainStart);
+                nameStart = i + 1;
                 continue;
             }
         } else if (isClosing(c)) {
             if (--depth == 0) {
+                const QStringView name = text.mid(nameStart, i - nameStart);
                 if (name.startsWith(scriptPrefix)) {
-                    result += runScript(name.mid(scriptPrefix.size()).trimmed());
+                    result += runScriptAt(name.mid(scriptPrefix.size()).trimmed(), scriptDepth + 1);
                 } else if (name.startsWith(directoryPrefix)) {
-                    result += directoryAttribute(name.mid(directoryPrefix.size()).trimmed());
+                    result += directoryAttribute(name.mid(directoryPrefix.size()).trimmed().toString());
                 } else {
-                    QString value = Variables::instance().value(name);
-                    if (m_replaceUnderscore && securityLabelVariables().contains(name))
+                    const QString key = name.toString();
+                    QString value = Variables::instance().value(key);
+                    if (m_replaceUnderscore && securityLabelVariables().contains(key))
                         value.replace(QLatin1Char('_'), QLatin1Char(' '));
                     result += value;
                 }
-                continue;
+                plainStart = i + 1;
             }
         }
-        if (depth >= 1)
-            name += c;
-        else
-            result += c;
     }
+    // The last run, unless the text ends inside a reference, which is dropped.
+    if (depth <= 0)
+        result += text.mid(plainStart);
     return result;
 }
 
 QString Marker::runScript(const QString& command) const
 {
+    return runScriptAt(command, 1);
+}
+
+QString Marker::runScriptAt(QStringView command, int scriptDepth) const
+{
+    // Each nested reference runs a program of its own; the nesting is
+    // bounded so that neither the programs nor the recursion can pile up.
+    if (scriptDepth > MaxScriptNesting) {
+        qWarning("Script reference nested deeper than %d levels is not run!", MaxScriptNesting);
+        return QString();
+    }
+
     // A braced reference in the command hands a value to the script.
     const QString expanded = command.contains(QLatin1Char('{')) && command.contains(QLatin1Char('}'))
-        ? expandVariables(command)
-        : command;
+                                 ? expandReferences(command, scriptDepth)
+                                 : command.toString();
     QStringList words = QProcess::splitCommand(expanded);
     if (words.isEmpty())
         return QString();
 
-    QProcess process;
+    // What the program wrote before it ended or ran out of time or room.
     const QString program = words.takeFirst();
-    process.start(program, words, QIODevice::ReadOnly);
-    process.waitForFinished(ProgramWaitMs);
-    const QByteArray output = process.readAllStandardOutput();
-    stopProgram(process);
-    return QString::fromLocal8Bit(output).trimmed();
+    return QString::fromLocal8Bit(runProgram(program, words).output).trimmed();
 }
 
 QString Marker::directoryAttribute(const QString& attribute) const
@@ -116,22 +163,21 @@ QString Marker::directoryAttribute(const QString& attribute) const
         user.truncate(at);
 
     // A ticket from the host's keytab first; the directory client needs it.
-    QProcess::execute(QStringLiteral("kinit"), {QStringLiteral("-kt"), QStringLiteral("/etc/krb5.keytab")});
+    // It is waited for within the same limits as the look-up itself.
+    runProgram(QStringLiteral("kinit"), {QStringLiteral("-kt"), QStringLiteral("/etc/krb5.keytab")});
 
-    QProcess ipa;
-    ipa.start(QStringLiteral("ipa"),
-              {QStringLiteral("user-show"), user, QStringLiteral("--raw"), QStringLiteral("--all")},
-              QIODevice::ReadOnly);
-    ipa.waitForFinished(ProgramWaitMs);
+    const QByteArray listing =
+        runProgram(QStringLiteral("ipa"),
+                   {QStringLiteral("user-show"), user, QStringLiteral("--raw"), QStringLiteral("--all")})
+            .output;
 
     // Entries are "key: value" lines; headings and values that hold ": "
     // themselves give other than two pieces and are passed over.
     QMap<QString, QString> entries;
-    for (QByteArray raw = ipa.readLine(); !raw.isEmpty(); raw = ipa.readLine()) {
+    for (const QByteArray& raw : listing.split('\n')) {
         const QStringList pieces = QString::fromUtf8(raw).trimmed().split(QStringLiteral(": "), Qt::SkipEmptyParts);
         if (pieces.size() == 2)
             entries.insert(pieces.at(0).trimmed(), pieces.at(1).trimmed());
     }
-    stopProgram(ipa);
     return entries.value(attribute);
 }

@@ -15,6 +15,8 @@
 #include <QTest>
 #include <QTime>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QByteArray JobVariables = "job-originating-user-name=alice\ncopies=1\n";
@@ -72,6 +74,10 @@ private slots:
 
     void startupFailuresAreFatal_data();
     void startupFailuresAreFatal();
+    void nonRegularFilesAreRefused_data();
+    void nonRegularFilesAreRefused();
+    void catalogueThatCannotDrawIsRefused_data();
+    void catalogueThatCannotDrawIsRefused();
 
     void definitionsFileIsChosen_data();
     void definitionsFileIsChosen();
@@ -83,8 +89,10 @@ private slots:
     void duplexFlagReachesDocumentFilter_data();
     void duplexFlagReachesDocumentFilter();
     void messagesAreTranslated();
+    void siteScriptsLeaveNoProcessBehind_data();
+    void siteScriptsLeaveNoProcessBehind();
 
-private:
+  private:
     QByteArray m_helpText;
 };
 
@@ -297,6 +305,113 @@ void TestCommandLine::startupFailuresAreFatal()
     QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
 }
 
+// A FIFO (or a device) where a file is expected would block the run for as
+// long as nobody writes to it: it is refused at once with its own message.
+void TestCommandLine::nonRegularFilesAreRefused_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("fifo");       // FIFO to make below the root, replacing a file there
+    QTest::addColumn<QByteArray>("message"); // the whole of standard error
+
+    QTest::newRow("variables file is a FIFO")
+        << QStringList{"in.ps", "marker.tpl", "vars.fifo", "out.ps"} << "job/vars.fifo"
+        << QByteArray("Variables file vars.fifo is not a regular file\n");
+    QTest::newRow("template is a FIFO")
+        << QStringList{"in.ps", "tpl.fifo", "vars.txt", "out.ps"} << "job/tpl.fifo"
+        << QByteArray("Marker template file tpl.fifo is not a regular file\n");
+    QTest::newRow("site definitions file is a FIFO")
+        << jobArguments() << "etc-cups/marker.defs"
+        << QByteArray("Marker definition file /etc/cups/marker.defs "
+                      "is not a regular file\n");
+    QTest::newRow("shipped definitions file is a FIFO")
+        << jobArguments() << "share-cups/quillet/marker.defs"
+        << QByteArray("Marker definition file /usr/share/cups/quillet/marker.defs is not a regular file\n");
+    QTest::newRow("template is a character device")
+        << QStringList{"in.ps", "/dev/null", "vars.txt", "out.ps"} << QString()
+        << QByteArray("Marker template file /dev/null is not a regular file\n");
+    QTest::newRow("variables file is a character device")
+        << QStringList{"in.ps", "marker.tpl", "/dev/zero", "out.ps"} << QString()
+        << QByteArray("Variables file /dev/zero is not a regular file\n");
+}
+
+void TestCommandLine::nonRegularFilesAreRefused()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, fifo);
+    QFETCH(QByteArray, message);
+
+    FixtureTree tree;
+    prepareJob(tree);
+    if (!fifo.isEmpty()) {
+        QFile::remove(tree.path(fifo));
+        QVERIFY2(::mkfifo(QFile::encodeName(tree.path(fifo)).constData(), 0644) == 0, qPrintable(fifo));
+    }
+
+    const RunResult result = tree.runQuillet(arguments);
+
+    QVERIFY2(!result.crashed, qPrintable(describe(result)));
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError == message, qPrintable(firstDifference(result.standardError, message)));
+    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
+    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
+// With print-safe output (on in the shipped definitions) a catalogue that
+// cannot draw the marker ends the run before any output, instead of a run
+// that prints invisible marks; without it the run goes on as it always did.
+void TestCommandLine::catalogueThatCannotDrawIsRefused_data()
+{
+    QTest::addColumn<QString>("damage"); // file below share-cups/ to remove
+    QTest::addColumn<bool>("asFolder");  // and put a folder in its place
+    QTest::addColumn<bool>("safeOutput");
+    QTest::addColumn<QByteArray>("message"); // the last line of standard error, empty for success
+
+    const QByteArray suffix = ": the marker would not print\n";
+    QTest::newRow("print-safe: no glyph list")
+        << "data/psglyphs" << false << true
+        << "Can not read glyph list /usr/share/cups/data/psglyphs" + suffix;
+    QTest::newRow("print-safe: a folder for the charset file")
+        << "charsets/utf-8" << true << true
+        << "Can not read charset file /usr/share/cups/charsets/utf-8" + suffix;
+    QTest::newRow("print-safe: no file for the base font of the template's style")
+        << "fonts/NimbusSans-Regular" << false << true
+        << "Can not read marker font file /usr/share/cups/fonts/NimbusSans-Regular" + suffix;
+    QTest::newRow("classic: no glyph list, the run goes on")
+        << "data/psglyphs" << false << false << QByteArray();
+    QTest::newRow("classic: a folder for the charset file")
+        << "charsets/utf-8" << true << false << QByteArray();
+}
+
+void TestCommandLine::catalogueThatCannotDrawIsRefused()
+{
+    QFETCH(QString, damage);
+    QFETCH(bool, asFolder);
+    QFETCH(bool, safeOutput);
+    QFETCH(QByteArray, message);
+
+    FixtureTree tree;
+    prepareJob(tree);
+    QVERIFY(QFile::remove(tree.path(QStringLiteral("share-cups/") + damage)));
+    if (asFolder)
+        QVERIFY(QDir().mkpath(tree.path(QStringLiteral("share-cups/") + damage)));
+    // The site's definitions decide; the shipped ones turn print-safe output on.
+    tree.write(QStringLiteral("etc-cups/marker.defs"),
+               safeOutput ? QByteArray("MarkerSafeOutput=1\n") : QByteArray("MarkerTopShift=8\n"));
+
+    const RunResult result = tree.runQuillet(jobArguments());
+
+    QVERIFY2(!result.crashed, qPrintable(describe(result)));
+    if (message.isEmpty()) {
+        QVERIFY2(result.exitCode == 0, qPrintable(describe(result)));
+        QVERIFY(tree.exists(QStringLiteral("job/out.ps")));
+        return;
+    }
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError.endsWith('\n' + message), qPrintable(describe(result)));
+    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
+    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
 void TestCommandLine::definitionsFileIsChosen_data()
 {
     QTest::addColumn<bool>("withSiteFile");
@@ -491,6 +606,52 @@ void TestCommandLine::messagesAreTranslated()
         {QStringLiteral("nope.ps"), QStringLiteral("marker.tpl"), QStringLiteral("vars.txt"), QStringLiteral("out.ps")},
         {QStringLiteral("LANGUAGE=fr"), QStringLiteral("LC_ALL="), QStringLiteral("LANG=C.UTF-8")});
     QCOMPARE(english.standardError, QByteArray("Input file nope.ps doesn't exist\n"));
+}
+
+// A site script's own children (here a sleep started by a shell) are ended
+// with it: none of them outlives the run, whether the script hangs or ends.
+void TestCommandLine::siteScriptsLeaveNoProcessBehind_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QByteArray>("shown");
+
+    QTest::newRow("a script that hangs, waiting for its child")
+        << QByteArray("sleep 300 &\necho $! >> children\necho waiting\nwait\n") << QByteArray("waiting");
+    QTest::newRow("a script that ends at once, leaving its child running")
+        << QByteArray("sleep 300 &\necho $! >> children\necho done\n") << QByteArray("done");
+}
+
+void TestCommandLine::siteScriptsLeaveNoProcessBehind()
+{
+    QFETCH(QByteArray, script);
+    QFETCH(QByteArray, shown);
+
+    FixtureTree tree;
+    prepareJob(tree, JobVariables + "MarkerProgramTimeout=300\n");
+    const QString scriptFile =
+        tree.write(QStringLiteral("job/site.sh"), "#!/bin/sh\ncd '" + tree.job().toUtf8() + "'\n" + script);
+    QVERIFY(QFile::setPermissions(scriptFile,
+                                  QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
+    tree.write(QStringLiteral("job/in.ps"), minimalDocument(2));
+    tree.write(QStringLiteral("job/marker.tpl"),
+               "any:normal:12::top-left:{SCRIPT:" + scriptFile.toUtf8() + "}\n");
+
+    const RunResult result = tree.runQuillet(jobArguments());
+    QVERIFY2(!result.crashed && result.exitCode == 0, qPrintable(describe(result)));
+
+    // The script ran once per page, and each time its child was ended.
+    const QList<QByteArray> children = tree.read(QStringLiteral("job/children")).trimmed().split('\n');
+    QCOMPARE(children.size(), 2);
+    for (const QByteArray& child : children)
+        QVERIFY2(processEnded(child.toLongLong()), child.constData());
+    // What the script printed before it was stopped is the marker text, on
+    // both pages (the shipped catalogue's charset 0 is Latin-1, so each
+    // character is 00 and its own code).
+    QByteArray encoded = "<";
+    for (const char c : shown)
+        encoded += "00" + QByteArray::number(uchar(c), 16);
+    encoded += '>';
+    QCOMPARE(tree.read(QStringLiteral("job/out.ps")).count(encoded), 2);
 }
 
 QTEST_GUILESS_MAIN(TestCommandLine)

@@ -4,15 +4,13 @@
 // 50 MB and 5000 pages.
 #include "support/testsupport.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <QTest>
 
 namespace {
 
-const QString Time = QStringLiteral("/usr/bin/time");
+using Measured = MeasuredRun;
 
 // A document of the given number of pages, each about 10 KB of comment lines.
 bool writeDocument(const QString& path, int pages)
@@ -33,26 +31,9 @@ bool writeDocument(const QString& path, int pages)
     return true;
 }
 
-struct Measured
-{
-    RunResult run;
-    qint64 peakKilobytes = -1;
-    qint64 milliseconds = 0;
-};
-
 Measured runMeasured(const FixtureTree& tree, const QString& input, const QString& output)
 {
-    Measured measured;
-    QElapsedTimer timer;
-    timer.start();
-    measured.run = tree.runInSandbox(Time, {QStringLiteral("-v"), quilletExecutable(), input,
-                                            QStringLiteral("template"), QStringLiteral("vars"), output});
-    measured.milliseconds = timer.elapsed();
-    const QRegularExpression peak(QStringLiteral("Maximum resident set size \\(kbytes\\): (\\d+)"));
-    const QRegularExpressionMatch match = peak.match(QString::fromLocal8Bit(measured.run.standardError));
-    if (match.hasMatch())
-        measured.peakKilobytes = match.captured(1).toLongLong();
-    return measured;
+    return measureQuillet(tree, {input, QStringLiteral("template"), QStringLiteral("vars"), output});
 }
 
 } // namespace
@@ -67,7 +48,7 @@ private slots:
 
 void TestDocumentStreaming::memoryStaysFlat()
 {
-    if (!QFile::exists(Time))
+    if (!haveTimeProgram())
         QSKIP("/usr/bin/time (package time) is needed to measure the peak memory");
 
     const int pages = 5000;

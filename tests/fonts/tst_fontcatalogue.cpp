@@ -6,10 +6,13 @@
 // test's sandbox (see fontsandbox.h) and calls the real Fonts::initialize.
 #include "fontsandbox.h"
 
+#include "common/paths.h"
 #include "fonts/fonts.h"
+#include "settings/variables.h"
 #include "support/messagerecorder.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QTest>
 
 namespace {
@@ -140,6 +143,11 @@ private slots:
     void fontsForStyleAndUniqueFonts();
     void fontsForStyleWithoutCharsets();
     void fontNamesCompareExactly();
+    void manyFontNamesOnOneLine_data();
+    void manyFontNamesOnOneLine();
+
+    void catalogueRefusal_data();
+    void catalogueRefusal();
 
     void secondInitializeAddsToTables();
     void resetEmptiesCatalogue();
@@ -399,6 +407,12 @@ void TestFontCatalogue::catalogueFiles_data()
         << QStringList{"psglyphs", "koi8-r"} << "utf-8" << false
         << warnings({"Can not open utf-8 charset file!", "Can not open utf-8 charset file!"})
         << QStringList{};
+    QTest::newRow("a name leading out of the charsets folder is not opened: utf-8")
+        << all << "../koi8-r" << true << warnings({"Can not open ../koi8-r charset file!"})
+        << QStringList{"FromUtf8"};
+    QTest::newRow("a name through a subfolder and back out is not opened: utf-8")
+        << all << "x/../../koi8-r" << true << warnings({"Can not open x/../../koi8-r charset file!"})
+        << QStringList{"FromUtf8"};
     QTest::newRow("a missing glyph list returns false before the charset file is opened")
         << QStringList{"utf-8", "koi8-r"} << "utf-8" << false << warnings({"Can not open glyphs file!"})
         << QStringList{};
@@ -424,6 +438,10 @@ void TestFontCatalogue::catalogueFiles()
     if (files.contains(QStringLiteral("koi8-r")))
         FontSandbox::writeCatalogueFile(QStringLiteral("charsets/koi8-r"),
                                         Header + "0000 00FF ltor single FromKoi8r\n");
+    // The same charset outside the charsets folder, where a name with a path
+    // in it would find it.
+    if (files.contains(QStringLiteral("koi8-r")))
+        FontSandbox::writeCatalogueFile(QStringLiteral("koi8-r"), Header + "0000 00FF ltor single Outside\n");
 
     const InitializeResult run = initializeCatalogue(charset);
     QCOMPARE(run.result, result);
@@ -598,6 +616,133 @@ void TestFontCatalogue::fontNamesCompareExactly()
     QVERIFY(initializeCatalogue(QStringLiteral("utf-8")).result);
     QCOMPARE(Fonts::instance().fontsForStyle(0), (QStringList{"Sans", "sans"}));
     QCOMPARE(Fonts::instance().uniqueFonts(), (QStringList{"Sans", "sans"}));
+}
+
+// A charset line may name any number of fonts; each name is looked up among
+// the names met so far, and that look-up must not grow with their number.
+void TestFontCatalogue::manyFontNamesOnOneLine_data()
+{
+    QTest::addColumn<int>("names");
+    QTest::addColumn<int>("distinct");
+
+    QTest::newRow("100,000 distinct names") << 100000 << 100000;
+    QTest::newRow("100,000 names, 7 distinct") << 100000 << 7;
+}
+
+void TestFontCatalogue::manyFontNamesOnOneLine()
+{
+    QFETCH(int, names);
+    QFETCH(int, distinct);
+
+    QByteArray line = "0000 00FF ltor single";
+    QStringList expected;
+    for (int i = 0; i < names; ++i) {
+        const QByteArray name = "Font" + QByteArray::number(i % distinct);
+        line += ' ' + name;
+        if (i < distinct)
+            expected << QString::fromLatin1(name);
+    }
+    writeCatalogue(SimpleGlyphs, Header + line + '\n');
+
+    QElapsedTimer timer;
+    timer.start();
+    const InitializeResult run = initializeCatalogue(QStringLiteral("utf-8"));
+    const qint64 elapsed = timer.elapsed();
+
+    QVERIFY(run.result);
+    QCOMPARE(Fonts::instance().uniqueFonts(), expected);
+    QCOMPARE(Fonts::instance().fontName(0, 3), QStringLiteral("Font%1").arg(3 % distinct));
+    // Linear work takes a few tens of milliseconds; a search through every
+    // earlier name per name took many seconds.
+    QVERIFY2(elapsed < 2000, qPrintable(QStringLiteral("%1 ms").arg(elapsed)));
+}
+
+// With print-safe output a catalogue that cannot draw the marker is refused
+// with a message; without it the same catalogue gives warnings only.
+void TestFontCatalogue::catalogueRefusal_data()
+{
+    QTest::addColumn<bool>("safeOutput");
+    QTest::addColumn<QString>("glyphList");   // file, missing, folder, empty
+    QTest::addColumn<QString>("charsetFile"); // file, missing, folder, bad header, no charsets, bad line
+    QTest::addColumn<QString>("boldFont");    // file, missing, folder
+    QTest::addColumn<QString>("refusal");
+
+    const QString data = QLatin1String(CupsDataDir);
+    const QString glyphs = data + QStringLiteral("/data/psglyphs");
+    const QString charsets = data + QStringLiteral("/charsets/utf-8");
+    const QString bold = Fonts::fontFilePath(QStringLiteral("SansBold"));
+    const QString suffix = QStringLiteral(": the marker would not print");
+    const struct {
+        const char* name;
+        const char* glyphList;
+        const char* charsetFile;
+        const char* boldFont;
+        QString refusal;
+    } cases[] = {
+        {"a complete catalogue", "file", "file", "file", QString()},
+        {"no glyph list", "missing", "file", "file", "Can not read glyph list " + glyphs + suffix},
+        {"a folder for the glyph list", "folder", "file", "file",
+         "Can not read glyph list " + glyphs + suffix},
+        {"an empty glyph list", "empty", "file", "file",
+         "Glyph list " + glyphs + " names no glyphs" + suffix},
+        {"no charset file", "file", "missing", "file", "Can not read charset file " + charsets + suffix},
+        {"a folder for the charset file", "file", "folder", "file",
+         "Can not read charset file " + charsets + suffix},
+        {"a charset file without its header", "file", "bad header", "file",
+         "Charset file " + charsets + " describes no charsets" + suffix},
+        {"a charset file without charsets", "file", "no charsets", "file",
+         "Charset file " + charsets + " describes no charsets" + suffix},
+        {"a charset file with a bad line", "file", "bad line", "file",
+         "Charset file " + charsets + " has a bad line" + suffix},
+        {"no file for a base font in use", "file", "file", "missing",
+         "Can not read marker font file " + bold + suffix},
+        {"a folder for a base font in use", "file", "file", "folder",
+         "Can not read marker font file " + bold + suffix},
+    };
+    for (const auto& row : cases) {
+        QTest::addRow("print-safe: %s", row.name)
+            << true << row.glyphList << row.charsetFile << row.boldFont << row.refusal;
+        QTest::addRow("classic: %s", row.name)
+            << false << row.glyphList << row.charsetFile << row.boldFont << QString();
+    }
+}
+
+void TestFontCatalogue::catalogueRefusal()
+{
+    QFETCH(bool, safeOutput);
+    QFETCH(QString, glyphList);
+    QFETCH(QString, charsetFile);
+    QFETCH(QString, boldFont);
+    QFETCH(QString, refusal);
+
+    const auto place = [](const QString& kind, const QString& relative, const QByteArray& content) {
+        if (kind == QLatin1String("folder"))
+            FontSandbox::makeCatalogueFolder(relative);
+        else if (kind != QLatin1String("missing"))
+            FontSandbox::writeCatalogueFile(relative, content);
+    };
+    place(glyphList, QStringLiteral("data/psglyphs"),
+          glyphList == QLatin1String("empty") ? QByteArray() : SimpleGlyphs);
+    QByteArray charsets = Header + "0000 00FF ltor single Sans SansBold\n";
+    if (charsetFile == QLatin1String("bad header"))
+        charsets = "charset utf-8\n0000 00FF ltor single Sans SansBold\n";
+    else if (charsetFile == QLatin1String("no charsets"))
+        charsets = Header + "# nothing here\n";
+    else if (charsetFile == QLatin1String("bad line"))
+        charsets += "0100 01FF sideways single Sans\n";
+    FontSandbox::makeCatalogueFolder(QStringLiteral("charsets"));
+    place(charsetFile, QStringLiteral("charsets/utf-8"), charsets);
+    FontSandbox::writeCatalogueFile(QStringLiteral("fonts/Sans"), "%!PS-AdobeFont-1.0: Sans\n");
+    place(boldFont, QStringLiteral("fonts/SansBold"), "%!PS-AdobeFont-1.0: SansBold\n");
+
+    Variables::instance().clear();
+    if (safeOutput)
+        Variables::instance().insert(QStringLiteral("MarkerSafeOutput"), QStringLiteral("1"));
+    initializeCatalogue(QStringLiteral("utf-8"));
+    Fonts::instance().setMarkerStyles({0, 1});
+
+    QCOMPARE(Fonts::instance().catalogueRefusal(), refusal);
+    Variables::instance().clear();
 }
 
 // --- Repeated calls -----------------------------------------------------------

@@ -14,6 +14,8 @@
 #include <QCoreApplication>
 #include <QTest>
 
+#include <limits>
+
 namespace {
 
 const QByteArray LatinAndCyrillic = "0000 00FF ltor single Sans\n0400 04FF ltor single Sans\n";
@@ -50,6 +52,8 @@ private slots:
 
     void setFont_data();
     void setFont();
+    void setFontSizeNoInterpreterReads_data();
+    void setFontSizeNoInterpreterReads();
     void underlineProcs_data();
     void underlineProcs();
 
@@ -99,6 +103,32 @@ void TestFontProcedures::setFont()
     QCOMPARE(written([&](QIODevice& out) { Fonts::instance().setFont(out, style, size); }), line);
     QCOMPARE(Fonts::instance().currentStyle(), style);
     QCOMPARE(Fonts::instance().currentSize(), size);
+}
+
+// A size that no interpreter reads (infinite, not a number, beyond or below
+// the range of PostScript reals) is replaced by 12 with a warning.
+void TestFontProcedures::setFontSizeNoInterpreterReads_data()
+{
+    QTest::addColumn<float>("size");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("infinite") << std::numeric_limits<float>::infinity() << "inf";
+    QTest::newRow("negative infinite") << -std::numeric_limits<float>::infinity() << "-inf";
+    QTest::newRow("not a number") << std::numeric_limits<float>::quiet_NaN() << "nan";
+    QTest::newRow("below the smallest PostScript real") << 1e-40f << "9.99995e-41";
+}
+
+void TestFontProcedures::setFontSizeNoInterpreterReads()
+{
+    QFETCH(float, size);
+    QFETCH(QString, text);
+
+    MessageRecorder recorder;
+    QCOMPARE(written([&](QIODevice& out) { Fonts::instance().setFont(out, 1, size); }),
+             QByteArray("/Marker-Bold findfont 12 scalefont setfont\n"));
+    QCOMPARE(Fonts::instance().currentSize(), 12.0f);
+    QCOMPARE(recorder.texts(QtWarningMsg),
+             QStringList{QStringLiteral("Font size '%1' is not a PostScript number, 12 is used!").arg(text)});
 }
 
 void TestFontProcedures::underlineProcs_data()
@@ -180,13 +210,21 @@ void TestFontProcedures::writeString_data()
     QTest::newRow("Latin and Cyrillic letters") << QString::fromUtf8("AЖ") << QByteArray("<00410116>");
     QTest::newRow("an empty text") << QString() << QByteArray("<>");
     QTest::newRow("a character beyond U+FFFF") << QString::fromUtf8("😀é") << QByteArray("<000000e9>");
+    // U+FFFD is charset 2 here, so that its code shows.
+    QTest::newRow("a lone high surrogate is U+FFFD")
+        << (QString(QChar(0xD800)) + QLatin1Char('A')) << QByteArray("<02000041>");
+    QTest::newRow("a lone low surrogate is U+FFFD") << QString(QChar(0xDC00)) << QByteArray("<0200>");
+    // Written in pieces of 4096 characters: the same bytes across the seams.
+    QTest::newRow("a long text, a surrogate pair across a piece boundary")
+        << (QString(4095, QLatin1Char('A')) + QString::fromUtf8("😀") + QString(5000, QLatin1Char('B')))
+        << "<" + QByteArray("0041").repeated(4095) + "0000" + QByteArray("0042").repeated(5000) + ">";
 }
 
 void TestFontProcedures::writeString()
 {
     QFETCH(QString, text);
     QFETCH(QByteArray, bytes);
-    QVERIFY(loadCatalogue(LatinAndCyrillic));
+    QVERIFY(loadCatalogue(LatinAndCyrillic + "FFFD FFFD ltor single Replacement\n"));
     QCOMPARE(written([&](QIODevice& out) { Fonts::instance().writeString(out, text); }), bytes);
     QCOMPARE(bytes, Fonts::instance().encodeString(text).toLatin1());
 }

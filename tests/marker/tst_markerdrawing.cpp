@@ -11,10 +11,13 @@
 #include "fonts/fonts.h"
 #include "marker/marker.h"
 #include "settings/variables.h"
+#include "support/messagerecorder.h"
+#include "support/postscripttools.h"
 #include "support/testsupport.h"
 
 #include <QBuffer>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -272,6 +275,10 @@ private slots:
     void commonVariables_data();
     void commonVariables();
     void definitionsWrittenInOneWrite();
+    void definitionsOutsidePostScriptSyntax_data();
+    void definitionsOutsidePostScriptSyntax();
+    void definitionsReadByGhostscript_data();
+    void definitionsReadByGhostscript();
     void definitionsReadAfreshOnEveryCall();
 
     // Measuring and painting at the named positions
@@ -296,6 +303,10 @@ private slots:
     // Coordinate positions
     void drawAtOffset_data();
     void drawAtOffset();
+    void coordinatesNoInterpreterReads_data();
+    void coordinatesNoInterpreterReads();
+    void coordinatesReadByGhostscript_data();
+    void coordinatesReadByGhostscript();
 
     // Per-page emission
     void orientation_data();
@@ -419,6 +430,89 @@ void TestMarkerDrawing::commonVariables()
 
     setVariables(variables);
     COMPARE_BYTES(commonVariablesOutput(fonarik, landscape), expected);
+}
+
+// Only numbers in PostScript's own syntax reach the output; a value that
+// converts but that an interpreter could not read gives 0 and a warning.
+void TestMarkerDrawing::definitionsOutsidePostScriptSyntax_data()
+{
+    QTest::addColumn<QStringList>("variables");
+    QTest::addColumn<bool>("fonarik");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const QString& value, const QString& key) {
+        return QStringLiteral("Value '%1' of %2 is not a PostScript number, 0 is used!").arg(value, key);
+    };
+    const QString digits400 = QStringLiteral("1.") + QString(398, QLatin1Char('0'));
+    for (const char* word : {"nan", "NaN", "inf", "+inf", "-inf", "INF", " inf "}) {
+        const QString value = QLatin1String(word);
+        QTest::addRow("MarkerTopShift=%s gives 0", word)
+            << QStringList{QStringLiteral("MarkerTopShift=") + value} << false << commonSection(false)
+            << QStringList{refused(value, QStringLiteral("MarkerTopShift"))};
+    }
+    QTest::newRow("a number of 400 digits gives 0")
+        << QStringList{QStringLiteral("MarkerStringInterval=") + digits400} << false << commonSection(false)
+        << QStringList{refused(digits400, QStringLiteral("MarkerStringInterval"))};
+    QTest::newRow("a number too small for a PostScript real gives 0: 1e-40")
+        << QStringList{"MarkerLeftShift=1e-40"} << false << commonSection(false)
+        << QStringList{refused(QStringLiteral("1e-40"), QStringLiteral("MarkerLeftShift"))};
+    QTest::newRow("each refused key warns, the others are copied")
+        << QStringList{"MarkerTopShift=inf", "MarkerBottomShift=14", "MarkerRightShift=nan"} << false
+        << commonSection(false, definitions("0", "14", "0", "0", "0"))
+        << QStringList{refused(QStringLiteral("inf"), QStringLiteral("MarkerTopShift")),
+                       refused(QStringLiteral("nan"), QStringLiteral("MarkerRightShift"))};
+    QTest::newRow("fonarik keys follow the same rule")
+        << QStringList{"A4:P:FonarikTopShift=-inf", "A4:P:FonarikBottomShift=3"} << true
+        << commonSection(false, definitions("0", "3", "0", "0", "0"))
+        << QStringList{refused(QStringLiteral("-inf"), QStringLiteral("A4:P:FonarikTopShift"))};
+    QTest::newRow("valid forms are copied without a word: 1., .5, +2, 1E6, 32 characters")
+        << QStringList{"MarkerTopShift=1.", "MarkerBottomShift=.5", "MarkerLeftShift=+2",
+                       "MarkerRightShift=1E6", "MarkerStringInterval=1.000000000000000000000000000000"}
+        << false
+        << commonSection(false, definitions("1.", ".5", "+2", "1E6", "1.000000000000000000000000000000"))
+        << QStringList{};
+    QTest::newRow("values that never converted still give 0 silently: abc, 1e40, empty")
+        << QStringList{"MarkerTopShift=abc", "MarkerBottomShift=1e40", "MarkerLeftShift="} << false
+        << commonSection(false) << QStringList{};
+}
+
+void TestMarkerDrawing::definitionsOutsidePostScriptSyntax()
+{
+    QFETCH(QStringList, variables);
+    QFETCH(bool, fonarik);
+    QFETCH(QByteArray, expected);
+    QFETCH(QStringList, warnings);
+
+    setVariables(variables);
+    MessageRecorder recorder;
+    COMPARE_BYTES(commonVariablesOutput(fonarik, false), expected);
+    QCOMPARE(recorder.texts(QtWarningMsg), warnings);
+}
+
+// The same values, as a printer sees them: Ghostscript reads the section
+// and computes with every definition without an error.
+void TestMarkerDrawing::definitionsReadByGhostscript_data()
+{
+    definitionsOutsidePostScriptSyntax_data();
+}
+
+void TestMarkerDrawing::definitionsReadByGhostscript()
+{
+    QFETCH(QStringList, variables);
+    QFETCH(bool, fonarik);
+    if (!haveProgram(QStringLiteral("gs")))
+        QSKIP("Ghostscript (gs) is needed");
+
+    setVariables(variables);
+    MessageRecorder recorder;
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("section.ps"));
+    QVERIFY(writeFile(file, "%!PS\n" + commonVariablesOutput(fonarik, false) +
+                                "markerTopShift markerBottomShift markerLeftShift markerRightShift "
+                                "markerStringInterval add add add add 1 add pop\n"));
+    const QString errors = ghostscriptErrors(file);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
 }
 
 void TestMarkerDrawing::definitionsWrittenInOneWrite()
@@ -731,6 +825,81 @@ void TestMarkerDrawing::drawAtOffset()
         : "/markerTopShift " + top + " def\n/markerLeftShift " + left + " def\n" + TopStart
             + paintedString(0, 0, "10", 2, false) + paintedString(0, 0, "12", 1, false);
     COMPARE_BYTES(buffer.data(), expected);
+}
+
+// A coordinate that converts to a value no interpreter reads (beyond the
+// range of PostScript reals, or infinite) is placed at 0 with a warning.
+void TestMarkerDrawing::coordinatesNoInterpreterReads_data()
+{
+    QTest::addColumn<QString>("position");
+    QTest::addColumn<QByteArray>("top");
+    QTest::addColumn<QByteArray>("left");
+    QTest::addColumn<QStringList>("warnings");
+
+    const QString digits400 = QString(400, QLatin1Char('9'));
+    const QString digits60 = QString(60, QLatin1Char('9'));
+    const QString tiny = QStringLiteral("0.") + QString(50, QLatin1Char('0')) + QLatin1Char('1');
+    const auto refused = [](const QString& group, const QString& position) {
+        return QStringLiteral("Coordinate '%1' of position '%2' is not a PostScript number, 0 is used!")
+            .arg(group, position);
+    };
+    QString position = QStringLiteral("{%1;5}").arg(digits400);
+    QTest::newRow("400 digits for x: x is 0")
+        << position << QByteArray("5") << QByteArray("0") << QStringList{refused(digits400, position)};
+    position = QStringLiteral("{5;%1}").arg(digits60);
+    QTest::newRow("60 digits for y, beyond single precision: y is 0")
+        << position << QByteArray("0") << QByteArray("5") << QStringList{refused(digits60, position)};
+    position = QStringLiteral("{1mm;%1mm}").arg(digits400);
+    QTest::newRow("400 digits in millimetres: y is 0")
+        << position << QByteArray("0") << QByteArray("2.65957") << QStringList{refused(digits400, position)};
+    position = QStringLiteral("{%1;2}").arg(tiny);
+    QTest::newRow("a value below the smallest PostScript real: x is 0")
+        << position << QByteArray("2") << QByteArray("0") << QStringList{refused(tiny, position)};
+    QTest::newRow("a group that does not convert stays a silent 0")
+        << "{1,5;2}" << QByteArray("2") << QByteArray("0") << QStringList{};
+}
+
+void TestMarkerDrawing::coordinatesNoInterpreterReads()
+{
+    QFETCH(QString, position);
+    QFETCH(QByteArray, top);
+    QFETCH(QByteArray, left);
+    QFETCH(QStringList, warnings);
+
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    MessageRecorder recorder;
+    Marker::instance().drawAtOffset(buffer, position, {makeString(QStringLiteral("c"))});
+    COMPARE_BYTES(buffer.data(), "/markerTopShift " + top + " def\n/markerLeftShift " + left + " def\n" +
+                                     TopStart + paintedString(0, 0, "12", 1, false));
+    QCOMPARE(recorder.texts(QtWarningMsg), warnings);
+}
+
+void TestMarkerDrawing::coordinatesReadByGhostscript_data()
+{
+    coordinatesNoInterpreterReads_data();
+}
+
+void TestMarkerDrawing::coordinatesReadByGhostscript()
+{
+    QFETCH(QString, position);
+    if (!haveProgram(QStringLiteral("gs")))
+        QSKIP("Ghostscript (gs) is needed");
+
+    // Only the two definitions; the strings need the marker fonts.
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    MessageRecorder recorder;
+    Marker::instance().drawAtOffset(buffer, position, {makeString(QStringLiteral("c"))});
+    const QByteArray output = buffer.data();
+    const int definitionsEnd = output.indexOf(TopStart);
+    QVERIFY(definitionsEnd > 0);
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("position.ps"));
+    QVERIFY(writeFile(file, "%!PS\n" + output.left(definitionsEnd) +
+                                "markerTopShift markerLeftShift add 1 add pop\n"));
+    const QString errors = ghostscriptErrors(file);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
 }
 
 // --- Per-page emission -------------------------------------------------------------

@@ -74,6 +74,8 @@ private slots:
     void fontStyleWords();
     void fontSizes_data();
     void fontSizes();
+    void fontSizesNoInterpreterReads_data();
+    void fontSizesNoInterpreterReads();
     void underlineField_data();
     void underlineField();
     void pageTypes_data();
@@ -89,6 +91,8 @@ private slots:
     void defaultsWithoutKeywords();
     void loadTimeExpansion_data();
     void loadTimeExpansion();
+    void stringCountIsBounded_data();
+    void stringCountIsBounded();
     void expandedPiecesCopyAttributes();
     void expansionUsesStoreAtReadTime();
     void replaceUnderscoreAppliesFromItsLineOn();
@@ -98,6 +102,8 @@ private slots:
     void fontStylesInUse();
     void storeCharsetOverride_data();
     void storeCharsetOverride();
+    void charsetOutsideCharsetsFolder_data();
+    void charsetOutsideCharsetsFolder();
     void warnings_data();
     void warnings();
     void warningOnStandardErrorOfRun();
@@ -250,6 +256,39 @@ void TestMarkerTemplate::fontSizes()
     const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
     QVERIFY(string);
     QCOMPARE(string->fontSize, size);
+}
+
+// A size that converts but that no interpreter could read back gives 12 and
+// a warning; a size that never converted still gives 12 silently.
+void TestMarkerTemplate::fontSizesNoInterpreterReads_data()
+{
+    QTest::addColumn<QString>("field");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const char* field) {
+        return QStringList{QStringLiteral("Font size '%1' is not a PostScript number, 12 is used!")
+                               .arg(QLatin1String(field))};
+    };
+    QTest::newRow("inf") << "inf" << refused("inf");
+    QTest::newRow("+inf") << "+inf" << refused("+inf");
+    QTest::newRow("INF") << "INF" << refused("INF");
+    QTest::newRow("below the smallest PostScript real: 1e-40") << "1e-40" << refused("1e-40");
+    QTest::newRow("-inf is not positive: silent") << "-inf" << QStringList{};
+    QTest::newRow("nan is not positive: silent") << "nan" << QStringList{};
+    QTest::newRow("beyond single precision never converted: silent") << "1e40" << QStringList{};
+}
+
+void TestMarkerTemplate::fontSizesNoInterpreterReads()
+{
+    QFETCH(QString, field);
+    QFETCH(QStringList, warnings);
+
+    readMarkerTemplate(QStringLiteral("any:normal:%1::x:top-left:T\n").arg(field).toUtf8());
+
+    const MarkerStringPtr string = stringsAt(2, QStringLiteral("top-left")).value(0);
+    QVERIFY(string);
+    QCOMPARE(string->fontSize, 12.0f);
+    QCOMPARE(m_messages->texts(QtWarningMsg), warnings);
 }
 
 void TestMarkerTemplate::underlineField_data()
@@ -503,6 +542,44 @@ void TestMarkerTemplate::loadTimeExpansion_data()
         << QByteArray("[A] {SCRIPT:/bin/echo hi}") << QStringList{QStringLiteral("alpha hi")};
 }
 
+// A template holds at most 4096 strings, pieces of "^"-split texts counted
+// one by one; what lies beyond is ignored with one warning.
+void TestMarkerTemplate::stringCountIsBounded_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("kept");
+    QTest::addColumn<bool>("warned");
+
+    const QByteArray line = "any:normal:12::top-left:x\n";
+    QTest::newRow("4096 string lines: all kept") << line.repeated(4096) << 4096 << false;
+    QTest::newRow("5000 string lines: 4096 kept") << line.repeated(5000) << 4096 << true;
+    QTest::newRow("a text of 4096 pieces: all kept")
+        << "any:normal:12::top-left:[A]" + QByteArray("^").repeated(4095) + '\n'
+        << 4096 << false;
+    QTest::newRow("a text of a million pieces: 4096 kept")
+        << "any:normal:12::top-left:[A]" + QByteArray("x^").repeated(1000000) + '\n'
+        << 4096 << true;
+    QTest::newRow("lines after the bound are ignored, whatever their position")
+        << line.repeated(4096) + "any:normal:12::bottom-left:y\n"
+        << 4096 << true;
+}
+
+void TestMarkerTemplate::stringCountIsBounded()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, kept);
+    QFETCH(bool, warned);
+
+    readMarkerTemplate(content);
+
+    QCOMPARE(stringsAt(2, QStringLiteral("top-left")).size(), kept);
+    QCOMPARE(stringsAt(2, QStringLiteral("bottom-left")).size(), 0);
+    QCOMPARE(m_messages->texts(QtWarningMsg),
+             warned ? QStringList{QStringLiteral(
+                          "Template holds more than 4096 marker strings, the rest is ignored!")}
+                    : QStringList{});
+}
+
 void TestMarkerTemplate::loadTimeExpansion()
 {
     QFETCH(QByteArray, text);
@@ -668,6 +745,59 @@ void TestMarkerTemplate::storeCharsetOverride()
     readMarkerTemplate(content);
 
     QCOMPARE(Marker::instance().charset(), charset);
+}
+
+// A charset name is a file name inside the charsets folder: a name that
+// would lead out of it is refused with a warning and the default "utf-8".
+void TestMarkerTemplate::charsetOutsideCharsetsFolder_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("inStore");
+    QTest::addColumn<QString>("storeValue");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const char* name) {
+        return QStringList{
+            QStringLiteral("Charset name '%1' is not a file of the charsets folder, utf-8 is used!")
+                .arg(QLatin1String(name))};
+    };
+    QTest::newRow("charset line: parent folders")
+        << QByteArray("charset=../../../etc/passwd\n") << false << "" << refused("../../../etc/passwd");
+    QTest::newRow("charset line: absolute path")
+        << QByteArray("charset=/etc/passwd\n") << false << "" << refused("/etc/passwd");
+    QTest::newRow("charset line: subfolder")
+        << QByteArray("charset=sub/koi8-r\n") << false << "" << refused("sub/koi8-r");
+    QTest::newRow("charset line: the parent folder itself")
+        << QByteArray("charset=..\n") << false << "" << refused("..");
+    QTest::newRow("charset line: two dots inside a name")
+        << QByteArray("charset=koi8..r\n") << false << "" << refused("koi8..r");
+    QTest::newRow("charset line refused after a good one: the default, not the earlier name")
+        << QByteArray("charset=koi8-r\ncharset=../koi8-r\n") << false << "" << refused("../koi8-r");
+    QTest::newRow("mac-marker-font: parent folders")
+        << QByteArray("") << true << "../../fonts/NimbusSans-Regular"
+        << refused("../../fonts/NimbusSans-Regular");
+    QTest::newRow("mac-marker-font: absolute path")
+        << QByteArray("") << true << "/dev/zero" << refused("/dev/zero");
+    QTest::newRow("mac-marker-font refused: the default, not the template's charset line")
+        << QByteArray("charset=koi8-r\n") << true << "../koi8-r" << refused("../koi8-r");
+    QTest::newRow("mac-marker-font refused after a refused charset line")
+        << QByteArray("charset=/a\n") << true << "/b" << (refused("/a") + refused("/b"));
+}
+
+void TestMarkerTemplate::charsetOutsideCharsetsFolder()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, inStore);
+    QFETCH(QString, storeValue);
+    QFETCH(QStringList, warnings);
+
+    if (inStore)
+        Variables::instance().insert(QStringLiteral("mac-marker-font"), storeValue);
+
+    readMarkerTemplate(content);
+
+    QCOMPARE(Marker::instance().charset(), QStringLiteral("utf-8"));
+    QCOMPARE(m_messages->texts(QtWarningMsg), warnings);
 }
 
 // --- Warnings ------------------------------------------------------------------

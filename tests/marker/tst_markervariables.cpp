@@ -66,6 +66,15 @@ private slots:
     void runScriptExpandsOnlyBracedCommands();
     void scriptThatHangs();
     void scriptsAreRunForEveryReference();
+    void quickScriptsCostNoExtraWait();
+    void scriptNestingIsBounded_data();
+    void scriptNestingIsBounded();
+    void scriptLeavesNoProcessBehind_data();
+    void scriptLeavesNoProcessBehind();
+    void scriptOutputIsLimited_data();
+    void scriptOutputIsLimited();
+    void programLimitSettings_data();
+    void programLimitSettings();
 
     void directoryUserName_data();
     void directoryUserName();
@@ -78,6 +87,7 @@ private slots:
     void directoryIsAskedForEveryReference();
     void directoryIgnoresFailingPrograms();
     void directoryClientThatHangs();
+    void ticketRequestThatHangs();
     void braceOnlyTemplateTextRunsNothingAtLoadTime();
 
 private:
@@ -104,7 +114,8 @@ void TestMarkerVariables::writeScript(const QString& path, const QByteArray& bod
 // Replaces the script placeholders (%ARGS% and the like) by their paths.
 QString TestMarkerVariables::withScripts(QString text) const
 {
-    for (const char* name : {"ARGS", "PADDED", "LINES", "FAILS", "LOCAL", "SLOW", "COUNTER"})
+    for (const char* name : {"ARGS", "PADDED", "LINES", "FAILS", "LOCAL", "SLOW", "COUNTER",
+                             "HANGS_WITH_CHILD", "LEAVES_CHILD", "FLOOD"})
         text.replace(QStringLiteral("%%1%").arg(QLatin1String(name)), script(QLatin1String(name)));
     return text;
 }
@@ -129,6 +140,13 @@ void TestMarkerVariables::initTestCase()
     writeScript(script(QStringLiteral("FAILS")), "echo out\necho err >&2\nexit 3\n");
     writeScript(script(QStringLiteral("LOCAL")), "printf '\\320\\237\\321\\200\\320\\270\\320\\262\\320\\265\\321\\202\\n'\n");
     writeScript(script(QStringLiteral("SLOW")), "printf 'partial\\n'\nexec sleep 30\n");
+    // Scripts whose own child, a sleep, records its process id.
+    const QByteArray childPid = script(QStringLiteral("child.pid")).toUtf8();
+    writeScript(script(QStringLiteral("HANGS_WITH_CHILD")),
+                "sleep 300 &\necho $! > '" + childPid + "'\nprintf 'partial\\n'\nwait\n");
+    writeScript(script(QStringLiteral("LEAVES_CHILD")),
+                "sleep 300 &\necho $! > '" + childPid + "'\necho done\n");
+    writeScript(script(QStringLiteral("FLOOD")), "exec yes flood\n");
     writeScript(script(QStringLiteral("COUNTER")),
                 QByteArray("n=$(cat '") + script(QStringLiteral("count")).toUtf8()
                     + "' 2>/dev/null || echo 0)\nn=$((n + 1))\necho $n > '" + script(QStringLiteral("count")).toUtf8()
@@ -171,6 +189,7 @@ void TestMarkerVariables::init()
 
     QFile::remove(fakeBin(QStringLiteral("calls.log")));
     QFile::remove(script(QStringLiteral("count")));
+    QFile::remove(script(QStringLiteral("child.pid")));
     QFile::remove(fakeBin(QStringLiteral("kinit-pause")));
     writeFile(fakeBin(QStringLiteral("listing")), directoryListing);
     writeFile(fakeBin(QStringLiteral("kinit-body")), "exit 0\n");
@@ -337,6 +356,170 @@ void TestMarkerVariables::scriptsAreRunForEveryReference()
              QStringLiteral("3"));
 }
 
+// A script that ends at once is taken at once: a reference on every page of
+// a long job must not add a fixed wait per run.
+void TestMarkerVariables::quickScriptsCostNoExtraWait()
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (int run = 0; run < 50; ++run)
+        QCOMPARE(Marker::instance().expandVariables(QStringLiteral("{SCRIPT:/bin/echo x}")),
+                 QStringLiteral("x"));
+    // A few milliseconds a run; waiting 50 ms a run would take 2.5 s.
+    QVERIFY2(timer.elapsed() < 2000, QByteArray::number(timer.elapsed()).constData());
+}
+
+// SCRIPT: references may nest inside a command up to 8 deep; a deeper one is
+// not run and gives an empty text, with one warning.
+void TestMarkerVariables::scriptNestingIsBounded_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<bool>("warned");
+
+    // Each level prints "<L" and what the level inside it printed, then ">".
+    const QString eight = QStringLiteral("<L").repeated(8);
+    const QString closing = QStringLiteral(">").repeated(8);
+    QTest::newRow("one level") << 1 << "<Lx>" << false;
+    QTest::newRow("eight levels, all run") << 8 << eight + QLatin1Char('x') + closing << false;
+    QTest::newRow("nine levels: the innermost is not run") << 9 << eight + closing << true;
+    QTest::newRow("10,000 levels: the eight outermost run") << 10000 << eight + closing << true;
+}
+
+void TestMarkerVariables::scriptNestingIsBounded()
+{
+    QFETCH(int, depth);
+    QFETCH(QString, expected);
+    QFETCH(bool, warned);
+
+    QString text = QStringLiteral("x");
+    for (int level = 0; level < depth; ++level)
+        text = QStringLiteral("{SCRIPT:%ARGS% L") + text + QLatin1Char('}');
+    QCOMPARE(Marker::instance().expandVariables(withScripts(text)), expected);
+
+    const QStringList warnings = m_messages->texts(QtWarningMsg);
+    m_messages.reset(new MessageRecorder);
+    QCOMPARE(warnings,
+             warned ? QStringList{QStringLiteral("Script reference nested deeper than 8 levels is not run!")}
+                    : QStringList{});
+}
+
+// A script that outlives its time is ended with everything it started; one
+// that ends at once does not leave its children running either.
+void TestMarkerVariables::scriptLeavesNoProcessBehind_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<int>("maxMs");
+
+    QTest::newRow("a script that hangs with a child: both ended after the time limit")
+        << "({SCRIPT:%HANGS_WITH_CHILD%})"
+        << "(partial)" << 3000;
+    QTest::newRow("a script that ends at once leaving a child behind: the child is ended")
+        << "({SCRIPT:%LEAVES_CHILD%})"
+        << "(done)" << 1500;
+}
+
+void TestMarkerVariables::scriptLeavesNoProcessBehind()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+    QFETCH(int, maxMs);
+
+    Variables::instance().insert(QStringLiteral("MarkerProgramTimeout"), QStringLiteral("500"));
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(Marker::instance().expandVariables(withScripts(text)), expected);
+    QVERIFY2(timer.elapsed() < maxMs, QByteArray::number(timer.elapsed()).constData());
+
+    const qint64 child = readFile(script(QStringLiteral("child.pid"))).trimmed().toLongLong();
+    QVERIFY(child > 0);
+    QVERIFY2(processEnded(child), qPrintable(QStringLiteral("the script's child %1 still runs").arg(child)));
+}
+
+// A script that writes without end is stopped at the output limit: neither
+// the memory nor the time of the run grows with what it writes.
+void TestMarkerVariables::scriptOutputIsLimited_data()
+{
+    QTest::addColumn<QString>("limit"); // MarkerProgramOutputLimit, empty for the default
+    QTest::addColumn<int>("kept");
+
+    QTest::newRow("default limit: 64 KiB kept") << QString() << 65536;
+    QTest::newRow("limit of 1000 bytes") << "1000" << 1000;
+}
+
+void TestMarkerVariables::scriptOutputIsLimited()
+{
+    QFETCH(QString, limit);
+    QFETCH(int, kept);
+
+    if (!limit.isEmpty())
+        Variables::instance().insert(QStringLiteral("MarkerProgramOutputLimit"), limit);
+    QElapsedTimer timer;
+    timer.start();
+    const QString output = Marker::instance().runScript(withScripts(QStringLiteral("%FLOOD%")));
+    // The flood is cut as soon as the limit is reached, long before the time limit.
+    QVERIFY2(timer.elapsed() < 2000, QByteArray::number(timer.elapsed()).constData());
+    // "flood\n" repeated up to the limit, which cuts a line (neither limit
+    // is a multiple of 6), so nothing is trimmed.
+    QCOMPARE(output.size(), kept);
+    QVERIFY(output.startsWith(QStringLiteral("flood\nflood\n")));
+}
+
+// The two limits come from the store; values that are not whole numbers in
+// their range give the defaults with a warning.
+void TestMarkerVariables::programLimitSettings_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<int>("minMs");
+    QTest::addColumn<int>("maxMs");
+    QTest::addColumn<QStringList>("warnings");
+
+    const auto refused = [](const char* value, const char* key, const char* range, const char* fallback) {
+        return QStringList{QStringLiteral("Value '%1' of %2 is not a whole number from 1 to %3, %4 is used!")
+                               .arg(QLatin1String(value), QLatin1String(key), QLatin1String(range),
+                                    QLatin1String(fallback))};
+    };
+    QTest::newRow("timeout of 300 ms") << "MarkerProgramTimeout"
+                                       << "300" << 250 << 2000 << QStringList{};
+    QTest::newRow("timeout with blanks") << "MarkerProgramTimeout"
+                                         << " 300 " << 250 << 2000 << QStringList{};
+    QTest::newRow("timeout that is no number: default 4000 ms")
+        << "MarkerProgramTimeout"
+        << "soon" << 3500 << 8000 << refused("soon", "MarkerProgramTimeout", "60000", "4000");
+    QTest::newRow("timeout of 0: default")
+        << "MarkerProgramTimeout"
+        << "0" << 3500 << 8000 << refused("0", "MarkerProgramTimeout", "60000", "4000");
+    QTest::newRow("timeout beyond a minute: default")
+        << "MarkerProgramTimeout"
+        << "3600000" << 3500 << 8000 << refused("3600000", "MarkerProgramTimeout", "60000", "4000");
+    QTest::newRow("output limit beyond 16 MiB: default")
+        << "MarkerProgramOutputLimit"
+        << "99999999999" << 3500 << 8000
+        << refused("99999999999", "MarkerProgramOutputLimit", "16777216", "65536");
+}
+
+void TestMarkerVariables::programLimitSettings()
+{
+    QFETCH(QString, key);
+    QFETCH(QString, value);
+    QFETCH(int, minMs);
+    QFETCH(int, maxMs);
+    QFETCH(QStringList, warnings);
+
+    Variables::instance().insert(key, value);
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(Marker::instance().expandVariables(withScripts(QStringLiteral("({SCRIPT:%SLOW%})"))),
+             QStringLiteral("(partial)"));
+    const qint64 elapsed = timer.elapsed();
+    QVERIFY2(elapsed >= minMs && elapsed < maxMs, QByteArray::number(elapsed).constData());
+
+    QCOMPARE(m_messages->texts(QtWarningMsg), warnings);
+    m_messages.reset(new MessageRecorder);
+}
+
 // --- User directory ----------------------------------------------------------------
 
 void TestMarkerVariables::directoryUserName_data()
@@ -480,6 +663,27 @@ void TestMarkerVariables::directoryClientThatHangs()
 
     QCOMPARE(value, QStringLiteral("Slow User"));
     QVERIFY2(elapsed >= 3500 && elapsed < 8000, QByteArray::number(elapsed).constData());
+}
+
+// The ticket request is bounded like the look-up: a kinit that hangs is
+// ended, with its children, after the time limit, and the look-up goes on.
+void TestMarkerVariables::ticketRequestThatHangs()
+{
+    Variables::instance().insert(QStringLiteral("job-originating-user-name"), QStringLiteral("jdoe"));
+    Variables::instance().insert(QStringLiteral("MarkerProgramTimeout"), QStringLiteral("500"));
+    writeFile(fakeBin(QStringLiteral("kinit-body")),
+              "sleep 300 &\necho $! > '" + script(QStringLiteral("child.pid")).toUtf8() + "'\nwait\n");
+
+    QElapsedTimer timer;
+    timer.start();
+    const QString value = Marker::instance().directoryAttribute(QStringLiteral("cn"));
+    const qint64 elapsed = timer.elapsed();
+
+    QCOMPARE(value, QStringLiteral("Example User"));
+    QVERIFY2(elapsed >= 450 && elapsed < 3000, QByteArray::number(elapsed).constData());
+    const qint64 child = readFile(script(QStringLiteral("child.pid"))).trimmed().toLongLong();
+    QVERIFY(child > 0);
+    QVERIFY2(processEnded(child), qPrintable(QStringLiteral("kinit's child %1 still runs").arg(child)));
 }
 
 void TestMarkerVariables::braceOnlyTemplateTextRunsNothingAtLoadTime()

@@ -7,11 +7,14 @@
 #include <QBuffer>
 #include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTest>
+#include <QThread>
 
 FixtureTree::FixtureTree()
 {
@@ -84,6 +87,31 @@ void FixtureTree::bind(const QString& relative, const QString& target)
 RunResult FixtureTree::runQuillet(const QStringList& arguments, const QStringList& environment) const
 {
     return runInSandbox(quilletExecutable(), arguments, environment);
+}
+
+namespace
+{
+const char TimeProgram[] = "/usr/bin/time";
+}
+
+bool haveTimeProgram()
+{
+    return QFile::exists(QLatin1String(TimeProgram));
+}
+
+MeasuredRun measureQuillet(const FixtureTree& tree, const QStringList& arguments)
+{
+    MeasuredRun measured;
+    QElapsedTimer timer;
+    timer.start();
+    measured.run = tree.runInSandbox(QLatin1String(TimeProgram),
+                                     QStringList{QStringLiteral("-v"), quilletExecutable()} + arguments);
+    measured.milliseconds = timer.elapsed();
+    const QRegularExpression peak(QStringLiteral("Maximum resident set size \\(kbytes\\): (\\d+)"));
+    const QRegularExpressionMatch match = peak.match(QString::fromLocal8Bit(measured.run.standardError));
+    if (match.hasMatch())
+        measured.peakKilobytes = match.captured(1).toLongLong();
+    return measured;
 }
 
 RunResult runProgram(const QString& program, const QStringList& arguments, const QStringList& environment,
@@ -191,6 +219,22 @@ QString firstDifference(const QByteArray& actual, const QByteArray& expected)
                 .arg(QString::fromLatin1(left.left(300)), QString::fromLatin1(right.left(300)));
     }
     return QStringLiteral("no difference");
+}
+
+bool processEnded(qint64 pid, int waitMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (;;) {
+        // /proc/<pid>/stat: "pid (name) state ..."; the name may hold blanks.
+        const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+        const int nameEnd = stat.lastIndexOf(')');
+        if (stat.isEmpty() || (nameEnd > 0 && stat.mid(nameEnd + 2, 1) == "Z"))
+            return true;
+        if (timer.elapsed() > waitMs)
+            return false;
+        QThread::msleep(20);
+    }
 }
 
 bool haveProgram(const QString& name)

@@ -71,6 +71,21 @@ private:
     QStringList m_binds; // pairs of source and target
 };
 
+// A run of the quillet executable under /usr/bin/time -v (package time),
+// with the peak resident set size that it reported (-1 when it did not).
+struct MeasuredRun {
+    RunResult run;
+    qint64 peakKilobytes = -1;
+    qint64 milliseconds = 0;
+};
+
+// Whether /usr/bin/time is there to measure runs.
+bool haveTimeProgram();
+
+// Runs the built quillet with the arguments inside the tree's sandbox (as
+// FixtureTree::runQuillet does) under /usr/bin/time -v.
+MeasuredRun measureQuillet(const FixtureTree& tree, const QStringList& arguments);
+
 // Runs a program to its end (at most timeoutMs) and returns what it left.
 RunResult runProgram(const QString& program, const QStringList& arguments,
                      const QStringList& environment = {}, const QString& workingDirectory = {},
@@ -107,6 +122,10 @@ QMap<QString, QString> parseKeyValues(const QByteArray& bytes);
 // A readable description of the first difference between two byte strings,
 // for failure messages of byte-exact comparisons.
 QString firstDifference(const QByteArray& actual, const QByteArray& expected);
+
+// Whether the process with this id has ended (it is gone, or a zombie that
+// nobody has reaped yet), waiting up to waitMs for it to go.
+bool processEnded(qint64 pid, int waitMs = 3000);
 
 // Whether a program is found on the search path.
 bool haveProgram(const QString& name);
