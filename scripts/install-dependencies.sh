@@ -1,7 +1,9 @@
 #!/bin/bash
 # Installs the Debian packages that quillet needs to build. With --example,
 # also Ghostscript to render the example job; with --tests, also the tools
-# that the test suite drives (Ghostscript, Poppler, document makers).
+# that the test suite drives (Ghostscript, Poppler, document makers); with
+# --bench, also what scripts/bench.sh runs (enscript, CUPS's pstops filter,
+# GNU time).
 set -euo pipefail
 
 build_packages=(
@@ -16,11 +18,15 @@ test_packages=(
     dpkg-dev file
     time
 )
+bench_packages=(
+    enscript cups-core-drivers time
+)
 
 packages=("${build_packages[@]}")
 case "${1:-}" in
     --example) packages+=(ghostscript) ;;
     --tests) packages+=("${test_packages[@]}") ;;
+    --bench) packages+=("${bench_packages[@]}") ;;
 esac
 
 # Install only what is missing, so that repeated runs stay quick and work
