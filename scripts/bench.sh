@@ -184,6 +184,8 @@ done
 q1=$(median quillet-1 1)
 p1=$(median pstops-1 1)
 echo
+echo "One-page job: medians of $((rounds * one_page_runs)) runs each ($rounds rounds of $one_page_runs)."
+echo
 echo "| one-page job | pstops ms | quillet ms | quillet/pstops |"
 echo "|---|---|---|---|"
 awk -v q="$q1" -v p="$p1" 'BEGIN { printf "| spawn to exit | %.1f | %.1f | %.2f |\n", p * 1000, q * 1000, q / p }'
