@@ -24,7 +24,6 @@
 
 #include <QCryptographicHash>
 #include <QList>
-#include <QDir>
 #include <QMap>
 #include <QSet>
 #include <QTest>
@@ -457,12 +456,13 @@ const CorpusDocument TinyCorpus[] = {
 
 const char* const TinyTemplates[] = {"pages", "placed", "script"};
 
-// Documents marked with the installed catalogue (four Nimbus Sans styles).
+// Documents marked with the default catalogue (four Nimbus Sans styles), the
+// one that is installed.
 const CorpusDocument RealCorpus[] = {
     {"text-lines", textLinesDocument, true},
     {"boundaries", boundariesDocument, true},
     {"nested-documents", nestedDocumentsDocument, true},
-    {"fonts-identical",
+    {"fonts-identical-and-conflicting",
      [] {
          return carriedFontsDocument(
              identicalResource(catalogueDir(), "NimbusSans-Regular") +
