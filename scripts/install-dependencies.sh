@@ -3,7 +3,8 @@
 # also Ghostscript to render the example job; with --tests, also the tools
 # that the test suite drives (Ghostscript, Poppler, document makers, and the
 # CUPS print server with its client programs and filters, which the print
-# queue tests run privately).
+# queue tests run privately); with --bench, also what scripts/bench.sh runs
+# (enscript, CUPS's pstops filter, GNU time).
 set -euo pipefail
 
 build_packages=(
@@ -20,11 +21,15 @@ test_packages=(
     time
     cups cups-client cups-filters
 )
+bench_packages=(
+    enscript cups-core-drivers time
+)
 
 packages=("${build_packages[@]}")
 case "${1:-}" in
     --example) packages+=(ghostscript) ;;
     --tests) packages+=("${test_packages[@]}") ;;
+    --bench) packages+=("${bench_packages[@]}") ;;
 esac
 
 # Install only what is missing, so that repeated runs stay quick and work
