@@ -1,7 +1,10 @@
 #!/bin/bash
 # Installs the Debian packages that quillet needs to build. With --example,
 # also Ghostscript to render the example job; with --tests, also the tools
-# that the test suite drives (Ghostscript, Poppler, document makers).
+# that the test suite drives (Ghostscript, Poppler, document makers); with
+# --sanitizers, the test tools and the AddressSanitizer and
+# UndefinedBehaviorSanitizer runtimes; with --fuzz, clang and its libFuzzer
+# and sanitizer runtimes.
 set -euo pipefail
 
 build_packages=(
@@ -16,11 +19,19 @@ test_packages=(
     dpkg-dev file
     time
 )
+sanitizer_packages=(
+    libasan8 libubsan1
+)
+fuzz_packages=(
+    clang libclang-rt-14-dev
+)
 
 packages=("${build_packages[@]}")
 case "${1:-}" in
     --example) packages+=(ghostscript) ;;
     --tests) packages+=("${test_packages[@]}") ;;
+    --sanitizers) packages+=("${test_packages[@]}" "${sanitizer_packages[@]}") ;;
+    --fuzz) packages+=("${fuzz_packages[@]}") ;;
 esac
 
 # Install only what is missing, so that repeated runs stay quick and work
