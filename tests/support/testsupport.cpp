@@ -63,14 +63,14 @@ QString FixtureTree::installCatalogue() const
 }
 
 RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& arguments,
-                                    const QStringList& environment) const
+                                    const QStringList& environment, int timeoutMs) const
 {
     const QStringList sandboxArguments = QStringList()
         << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
         << QStringLiteral("--bind") << shareCups() << QLatin1String(CupsDataDir)
         << QStringLiteral("--bind") << translations() << QLatin1String(TranslationsDir)
         << QStringLiteral("--") << program << arguments;
-    return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job());
+    return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job(), timeoutMs);
 }
 
 RunResult FixtureTree::runQuillet(const QStringList& arguments, const QStringList& environment) const
