@@ -25,7 +25,8 @@ void TestFuzzCorpora::seedRunsThroughItsTarget_data()
     QTest::addColumn<QString>("seed");
 
     const QDir corpora(QStringLiteral(QUILLET_FUZZ_CORPUS_DIR));
-    for (const QString& target : {"variables", "template", "catalogue", "document"}) {
+    for (const char* name : {"variables", "template", "catalogue", "document"}) {
+        const QString target = QLatin1String(name);
         const QDir corpus(corpora.filePath(target));
         const QStringList seeds = corpus.entryList(QDir::Files, QDir::Name);
         QVERIFY2(!seeds.isEmpty(), qPrintable(corpus.path()));
