@@ -423,7 +423,7 @@ void TestBadInput::runEndsWholeOrRefused()
     case Kind::HangingScript:
         // The script's own child outlives it: the run must end both.
         tree.write(QStringLiteral("job/marker.tpl"),
-                   Template + "any:normal:8::top-right:{SCRIPT:sh -c 'sleep 300 & sleep 300'}\n");
+                   Template + "any:normal:8::top-right:{SCRIPT:sh -c \"sleep 300 & sleep 300\"}\n");
         break;
     default:
         QVERIFY(writeFile(target, spoiledContent(slot, kind, safe)));
