@@ -100,6 +100,12 @@ QString slotPath(Slot slot)
     return QString();
 }
 
+// The whole of a string literal, NUL bytes included.
+template <int N> QByteArray withNuls(const char (&text)[N])
+{
+    return QByteArray(text, N - 1);
+}
+
 QByteArray garbage()
 {
     QRandomGenerator random(14);
@@ -140,18 +146,18 @@ QByteArray spoiledContent(Slot slot, Kind kind, bool safe)
     case Kind::NulBytes:
         switch (slot) {
         case Slot::Input:
-            return documentWith(QByteArray("% \0\0 nul\0\n(\0\0) pop\n", 20));
+            return documentWith(withNuls("% \0\0 nul\0\n(\0\0) pop\n"));
         case Slot::Template:
-            return Template + QByteArray("any:normal:8::top-right:A\0B {CURRENT_PAGE}\0\n\0\0\0\n", 46);
+            return Template + withNuls("any:normal:8::top-right:A\0B {CURRENT_PAGE}\0\n\0\0\0\n");
         case Slot::Variables:
-            return variables(safe) + QByteArray("NUL=a\0b\n\0\0\0\n\0KEY=1\n", 20);
+            return variables(safe) + withNuls("NUL=a\0b\n\0\0\0\n\0KEY=1\n");
         case Slot::Definitions:
-            return definitions(safe) + QByteArray("NUL=a\0b\n\0\0\0\n", 13);
+            return definitions(safe) + withNuls("NUL=a\0b\n\0\0\0\n");
         case Slot::GlyphList:
             return readFile(tinyCatalogueDir() + QStringLiteral("/data/psglyphs")) +
-                   QByteArray("0041 A\0x\n\0\0\n", 12);
+                   withNuls("0041 A\0x\n\0\0\n");
         case Slot::Charsets:
-            return QByteArray("charset utf8\n0000 00FF ltor single TinySans TinySans-Bold\n\0\0\n", 63);
+            return withNuls("charset utf8\n0000 00FF ltor single TinySans TinySans-Bold\n\0\0\n");
         default:
             break;
         }
