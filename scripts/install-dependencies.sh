@@ -24,6 +24,7 @@ sanitizer_packages=(
 )
 fuzz_packages=(
     clang libclang-rt-14-dev
+    util-linux mount
 )
 
 packages=("${build_packages[@]}")
