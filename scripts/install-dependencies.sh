@@ -4,7 +4,9 @@
 # that the test suite drives (Ghostscript, Poppler, document makers, and the
 # CUPS print server with its client programs and filters, which the print
 # queue tests run privately); with --bench, also what scripts/bench.sh runs
-# (enscript, CUPS's pstops filter, GNU time).
+# (enscript, CUPS's pstops filter, GNU time); with --sanitizers, the test
+# tools and the AddressSanitizer and UndefinedBehaviorSanitizer runtimes;
+# with --fuzz, clang and its libFuzzer and sanitizer runtimes.
 set -euo pipefail
 
 build_packages=(
@@ -24,12 +26,21 @@ test_packages=(
 bench_packages=(
     enscript cups-core-drivers time
 )
+sanitizer_packages=(
+    libasan8 libubsan1
+)
+fuzz_packages=(
+    clang libclang-rt-14-dev
+    util-linux mount
+)
 
 packages=("${build_packages[@]}")
 case "${1:-}" in
     --example) packages+=(ghostscript) ;;
     --tests) packages+=("${test_packages[@]}") ;;
     --bench) packages+=("${bench_packages[@]}") ;;
+    --sanitizers) packages+=("${test_packages[@]}" "${sanitizer_packages[@]}") ;;
+    --fuzz) packages+=("${fuzz_packages[@]}") ;;
 esac
 
 # Install only what is missing, so that repeated runs stay quick and work

@@ -66,7 +66,7 @@ QString FixtureTree::installCatalogue() const
 }
 
 RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& arguments,
-                                    const QStringList& environment) const
+                                    const QStringList& environment, int timeoutMs) const
 {
     QStringList sandboxArguments = QStringList()
         << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
@@ -75,7 +75,7 @@ RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& a
     for (int i = 0; i + 1 < m_binds.size(); i += 2)
         sandboxArguments << QStringLiteral("--bind") << m_binds.at(i) << m_binds.at(i + 1);
     sandboxArguments << QStringLiteral("--") << program << arguments;
-    return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job());
+    return runProgram(QStringLiteral(QUILLET_SANDBOX), sandboxArguments, environment, job(), timeoutMs);
 }
 
 void FixtureTree::bind(const QString& relative, const QString& target)

@@ -58,9 +58,9 @@ public:
     // ("NAME=value") are added to the process environment.
     RunResult runQuillet(const QStringList& arguments, const QStringList& environment = {}) const;
 
-    // Runs any command inside the same sandbox.
+    // Runs any command inside the same sandbox, waiting at most timeoutMs.
     RunResult runInSandbox(const QString& program, const QStringList& arguments,
-                           const QStringList& environment = {}) const;
+                           const QStringList& environment = {}, int timeoutMs = 120000) const;
 
     // Binds a folder below the root onto another system folder too (for
     // example a stand-in for the print server's log folder) in later runs.
