@@ -290,6 +290,12 @@ bool JobRun::handOverPageCodeKey(QString* error)
     PageCodeKey site;
     if (!PageCodeKey::load(siteKeyFile, &site, error))
         return false;
+    if (site.kind() != PageCodeKey::Kind::Site) {
+        *error = QStringLiteral("the page-code key file %1 holds the key of job %2, not the site key")
+                     .arg(siteKeyFile)
+                     .arg(site.job());
+        return false;
+    }
     bool ok = false;
     const qint64 id = m_job.jobId.toLongLong(&ok, 10);
     PageCodeKey jobKey;
@@ -298,10 +304,7 @@ bool JobRun::handOverPageCodeKey(QString* error)
             QStringLiteral("page codes need the job's number, but the job id is \"%1\"").arg(m_job.jobId);
         return false;
     }
-    if (!site.forJob(id, &jobKey)) {
-        *error = QStringLiteral("the page-code key file %1 is not the site key").arg(siteKeyFile);
-        return false;
-    }
+    site.forJob(id, &jobKey); // a site key derives the key of every job
     const QString path = m_folder.marking(QStringLiteral("page-code.key"));
     if (!writeForMarking(path, jobKey.toText())) {
         *error = QStringLiteral("cannot write the job's page-code key for marking");
