@@ -10,6 +10,10 @@
 #include "backend/postscriptjob.h"
 #include "backend/queuesettings.h"
 #include "common/paths.h"
+#include "pagecode/pagecodekey.h"
+#include "pagecode/pagecoder.h"
+#include "settings/definitionsfile.h"
+#include "settings/variables.h"
 
 #include <QDir>
 #include <QFile>
@@ -109,6 +113,20 @@ bool openMarkingFile(QFile& file, const QString& path)
     return file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
 }
 
+// The site's page-code key file as the marker definitions name it (the
+// file quillet reads them from); empty when they name none or cannot be read,
+// and quillet then refuses the job itself.
+QString definedPageCodeKey()
+{
+    QFile definitions(markerDefinitionsFile());
+    if (!definitions.open(QIODevice::ReadOnly))
+        return QString();
+    Variables& store = Variables::instance();
+    store.clear();
+    store.read(definitions);
+    return store.value(QLatin1String(PageCoder::KeySetting));
+}
+
 // One job from the backend's arguments and environment to its exit status.
 class JobRun
 {
@@ -128,6 +146,7 @@ class JobRun
     // Creates a file in the marking folder, owned by the marking account.
     bool createForMarking(QFile& file, const QString& path);
     bool writeForMarking(const QString& path, const QByteArray& content);
+    bool handOverPageCodeKey(QString* error);
     bool markCopy(int copy, QString* error);
     bool buildStream(QString* error);
     ChildCommand realBackendCommand(const QString& program, int input) const;
@@ -259,6 +278,40 @@ bool JobRun::writeForMarking(const QString& path, const QByteArray& content)
 {
     QFile file;
     return createForMarking(file, path) && file.write(content) == content.size() && file.flush();
+}
+
+// The site key stays with root: the marking account gets a key file of this
+// job alone in its folder, and the variables name it.
+bool JobRun::handOverPageCodeKey(QString* error)
+{
+    const QString siteKeyFile = definedPageCodeKey();
+    if (siteKeyFile.isEmpty())
+        return true;
+    PageCodeKey site;
+    if (!PageCodeKey::load(siteKeyFile, &site, error))
+        return false;
+    if (site.kind() != PageCodeKey::Kind::Site) {
+        *error = QStringLiteral("the page-code key file %1 holds the key of job %2, not the site key")
+                     .arg(siteKeyFile)
+                     .arg(site.job());
+        return false;
+    }
+    bool ok = false;
+    const qint64 id = m_job.jobId.toLongLong(&ok, 10);
+    PageCodeKey jobKey;
+    if (!ok || id < 0) {
+        *error =
+            QStringLiteral("page codes need the job's number, but the job id is \"%1\"").arg(m_job.jobId);
+        return false;
+    }
+    site.forJob(id, &jobKey); // a site key derives the key of every job
+    const QString path = m_folder.marking(QStringLiteral("page-code.key"));
+    if (!writeForMarking(path, jobKey.toText())) {
+        *error = QStringLiteral("cannot write the job's page-code key for marking");
+        return false;
+    }
+    m_job.pageCodeKeyFile = path;
+    return true;
 }
 
 bool JobRun::markCopy(int copy, QString* error)
@@ -460,6 +513,8 @@ int JobRun::execute()
         return refuse(QStringLiteral("cannot read the template %1").arg(m_settings.templateFile));
     if (!writeForMarking(m_folder.marking(QStringLiteral("marker.tmpl")), templateFile.readAll()))
         return refuse(QStringLiteral("cannot copy the template for marking"));
+    if (!handOverPageCodeKey(&error))
+        return refuse(error);
 
     QFile ppd(environmentValue("PPD"));
     const PaperSize paper =

@@ -1,6 +1,8 @@
 // Building the variables of one copy of a job.
 #include "backend/jobvariables.h"
 
+#include "pagecode/pagecoder.h"
+
 #include <QMap>
 
 #include <cups/cups.h>
@@ -22,7 +24,10 @@ const QStringList& reservedVariableKeys()
                                      QStringLiteral("NUM_PAGES"),
                                      QStringLiteral("NUM_PAGES_CONTINUOUS"),
                                      QStringLiteral("CURRENT_PAGE"),
-                                     QStringLiteral("CURRENT_PAGE_CONTINUOUS")};
+                                     QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
+                                     QStringLiteral("PAGE_CODE"),
+                                     QLatin1String(PageCoder::KeySetting),
+                                     QLatin1String(PageCoder::JobKeySetting)};
     return keys;
 }
 
@@ -77,6 +82,8 @@ QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int cop
             lines.append(option);
     }
     lines += queue.variables;
+    if (!job.pageCodeKeyFile.isEmpty())
+        lines.append({QLatin1String(PageCoder::JobKeySetting), job.pageCodeKeyFile});
 
     QByteArray bytes;
     for (const auto& pair : lines) {

@@ -22,6 +22,9 @@ struct JobFacts {
     bool landscape = false;
     // The job's options (the backend's fifth argument), in order.
     KeyValueList options;
+    // The key file of this job's page codes, derived by the backend from
+    // the site key; empty when the site makes no page codes.
+    QString pageCodeKeyFile;
 };
 
 // Keys that the backend or quillet itself sets: a job option never
@@ -42,7 +45,8 @@ bool isLandscape(const KeyValueList& options);
 
 // The "key=value" lines (UTF-8) for copy `copy` (1..copies): the backend's
 // own keys, then the job options that the queue allows, then the queue's
-// variables, so that a later line wins in quillet's store.
+// variables, so that a later line wins in quillet's store; last, when the
+// job has one, the job's page-code key file (MarkerPageCodeJobKey).
 QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int copy);
 
 // The security label of a job as it will be marked: the first non-empty of

@@ -1,6 +1,8 @@
 // Reading a queue's marking configuration and the print server's account.
 #include "backend/queuesettings.h"
 
+#include "pagecode/pagecoder.h"
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -73,6 +75,14 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                 settings.duplexBackPages = pair.second == QLatin1String("1");
             } else if (pair.first == QLatin1String(MarkingUserSetting)) {
                 settings.markingUser = pair.second;
+            } else if (pair.first == QLatin1String(PageCoder::KeySetting) ||
+                       pair.first == QLatin1String(PageCoder::JobKeySetting)) {
+                // The marking account must never be pointed at the site key,
+                // and the job key is the backend's own.
+                settings.error =
+                    QStringLiteral("%1 must not set %2: the page-code key is named in the marker definitions")
+                        .arg(settings.variablesFile, pair.first);
+                return settings;
             } else {
                 settings.variables.append(pair);
             }

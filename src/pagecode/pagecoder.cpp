@@ -17,6 +17,7 @@ QString coderText(const char* text)
 } // namespace
 
 const char PageCoder::KeySetting[] = "MarkerPageCodeKey";
+const char PageCoder::JobKeySetting[] = "MarkerPageCodeJobKey";
 
 PageCoder& PageCoder::instance()
 {
@@ -27,9 +28,12 @@ PageCoder& PageCoder::instance()
 QString PageCoder::setUp(const Variables& variables)
 {
     reset();
-    const QString keyFile = variables.value(QLatin1String(KeySetting));
-    if (keyFile.isEmpty())
+    if (variables.value(QLatin1String(KeySetting)).isEmpty())
         return QString();
+    // The definitions turn codes on; a job key handed to this run stands in
+    // for the site key.
+    const QString jobKeyFile = variables.value(QLatin1String(JobKeySetting));
+    const QString keyFile = jobKeyFile.isEmpty() ? variables.value(QLatin1String(KeySetting)) : jobKeyFile;
 
     PageCodeKey key;
     QString error;

@@ -14,13 +14,20 @@ class Variables;
 class PageCoder
 {
   public:
-    // The store key naming the key file.
+    // The store key naming the key file (a setting of the definitions).
     static const char KeySetting[];
+
+    // The store key naming the key file of this job alone, which the print
+    // queue's backend writes into the job's variables: with both settings
+    // the coder reads this file in place of the definitions' key, which the
+    // marking account may not read. It never turns codes on by itself.
+    static const char JobKeySetting[];
 
     // Returns the coder, off, creating it on first use.
     static PageCoder& instance();
 
-    // Reads the setting and, when it is there, the key file, the job id
+    // Reads the setting and, when it is there, the key file (the job's own
+    // key file when JobKeySetting names one), the job id
     // ("job-id"), the copy ("CURRENT_COPY") and the day of marking ("DATE" as
     // dd.MM.yyyy, else today) from the store. Returns an empty text when the
     // coder is ready or off, else the message that must end the run.

@@ -87,7 +87,7 @@ int makeKey(const QString& path)
     return VerifyAllAuthentic;
 }
 
-int checkCodes(const PageCodeKey& key, const QStringList& codes)
+int checkCodes(const PageCodeKey& key, const QStringList& codes, const QString& logFile)
 {
     int status = VerifyAllAuthentic;
     for (const QString& code : codes) {
@@ -108,7 +108,7 @@ int checkCodes(const PageCodeKey& key, const QStringList& codes)
                 .arg(fields.page)
                 .arg(fields.copy)
                 .arg(fields.date.toString(Qt::ISODate)));
-        for (const QString& line : auditLines(QLatin1String(CupsErrorLog), fields.job))
+        for (const QString& line : auditLines(logFile, fields.job))
             printOut(QStringLiteral("  ") + line);
     }
     return status;
@@ -145,6 +145,13 @@ int verifyMain(int argc, char* argv[])
         verifyText(QT_TRANSLATE_NOOP("verify", "Write a new random site key to a new file of mode 0600")),
         QStringLiteral("file"));
     parser.addOption(newKeyOption);
+    const QCommandLineOption logOption(
+        QStringLiteral("log"),
+        verifyText(QT_TRANSLATE_NOOP("verify", "Print server log to look up the jobs' audit lines in "
+                                               "(default: %1)"))
+            .arg(QLatin1String(CupsErrorLog)),
+        QStringLiteral("file"));
+    parser.addOption(logOption);
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
@@ -157,7 +164,8 @@ int verifyMain(int argc, char* argv[])
 
     const QStringList codes = parser.positionalArguments();
     if (parser.isSet(newKeyOption)) {
-        if (!codes.isEmpty() || parser.isSet(keyOption) || parser.values(newKeyOption).size() != 1)
+        if (!codes.isEmpty() || parser.isSet(keyOption) || parser.isSet(logOption) ||
+            parser.values(newKeyOption).size() != 1)
             return usageError(
                 verifyText(QT_TRANSLATE_NOOP("verify", "--new-key takes one file and nothing else")));
         return makeKey(parser.value(newKeyOption));
@@ -167,6 +175,8 @@ int verifyMain(int argc, char* argv[])
             verifyText(QT_TRANSLATE_NOOP("verify", "Give the codes to check, or --new-key FILE")));
     if (parser.values(keyOption).size() > 1 || (parser.isSet(keyOption) && parser.value(keyOption).isEmpty()))
         return usageError(verifyText(QT_TRANSLATE_NOOP("verify", "--key takes one file name, once")));
+    if (parser.values(logOption).size() > 1 || (parser.isSet(logOption) && parser.value(logOption).isEmpty()))
+        return usageError(verifyText(QT_TRANSLATE_NOOP("verify", "--log takes one file name, once")));
 
     const QString keyFile = parser.isSet(keyOption) ? parser.value(keyOption) : definedKeyFile();
     if (keyFile.isEmpty())
@@ -177,5 +187,6 @@ int verifyMain(int argc, char* argv[])
         printError(error);
         return VerifyNotAuthentic;
     }
-    return checkCodes(key, codes);
+    return checkCodes(key, codes,
+                      parser.isSet(logOption) ? parser.value(logOption) : QLatin1String(CupsErrorLog));
 }

@@ -117,6 +117,17 @@ QString PrintServer::writeConfig(const QString& relative, const QByteArray& cont
     return path;
 }
 
+void PrintServer::writeSiteDefinitions(const QByteArray& lines) const
+{
+    const QByteArray shipped = m_tree.read(QStringLiteral("share-cups/quillet/marker.defs"));
+    m_tree.write(QStringLiteral("etc-cups/marker.defs"), shipped + '\n' + lines);
+}
+
+QString PrintServer::errorLogFile() const
+{
+    return m_dir.filePath(QStringLiteral("log/error_log"));
+}
+
 QString PrintServer::writeJobFile(const QString& name, const QByteArray& content) const
 {
     const QString path = m_dir.filePath(QStringLiteral("documents/") + name);
@@ -278,7 +289,7 @@ bool PrintServer::waitForJobs(const QList<int>& ids, int timeoutMs) const
 
 QByteArray PrintServer::errorLog() const
 {
-    return readFile(m_dir.filePath(QStringLiteral("log/error_log")));
+    return readFile(errorLogFile());
 }
 
 QByteArray PrintServer::pageLog() const

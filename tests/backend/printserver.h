@@ -47,6 +47,14 @@ class PrintServer
     // Writes a file below the server root (owner root, not readable by others).
     QString writeConfig(const QString& relative, const QByteArray& content) const;
 
+    // Writes the site's marker definitions (/etc/cups/marker.defs as the
+    // server, the backend and quillet see it): the shipped definitions
+    // followed by `lines`. Call it after start().
+    void writeSiteDefinitions(const QByteArray& lines) const;
+
+    // The print server's log file.
+    QString errorLogFile() const;
+
     // A file for a print job, readable by the unprivileged user who prints it.
     QString writeJobFile(const QString& name, const QByteArray& content) const;
 

@@ -114,6 +114,14 @@ void TestBackendParts::queueSettings()
     // A queue name cannot leave the folder.
     QVERIFY(!readQueueSettings(root.path(), QStringLiteral("../secure")).error.isEmpty());
 
+    // The page-code keys are the definitions' and the backend's: a queue's
+    // variables that name one refuse its jobs.
+    for (const char* key : {"MarkerPageCodeKey", "MarkerPageCodeJobKey"}) {
+        writeFile(root.filePath("quillet/keyed.vars"), QByteArray(key) + "=/etc/cups/quillet/page-code.key\n");
+        const QString error = readQueueSettings(root.path(), QStringLiteral("keyed")).error;
+        QVERIFY2(error.contains(QStringLiteral("must not set %1").arg(QLatin1String(key))), qPrintable(error));
+    }
+
     // Without a template file the queue has none.
     QVERIFY(QFile::remove(root.filePath("quillet/default.tmpl")));
     QCOMPARE(readQueueSettings(root.path(), QStringLiteral("secure")).templateFile, QString());
@@ -151,6 +159,13 @@ void TestBackendParts::jobVariablesOrder_data()
     QTest::newRow("paper size from the job facts") << "PAGE_FORMAT=A3"
                                                    << "PAGE_FORMAT"
                                                    << "Letter";
+    QTest::newRow("page code cannot be preset") << "PAGE_CODE=AAAA-BBBB"
+                                                << "PAGE_CODE" << QString();
+    QTest::newRow("site key cannot be named by the job") << "MarkerPageCodeKey=/tmp/key"
+                                                         << "MarkerPageCodeKey" << QString();
+    QTest::newRow("job's page-code key from the backend") << "MarkerPageCodeJobKey=/tmp/key"
+                                                          << "MarkerPageCodeJobKey"
+                                                          << "/work/marking/page-code.key";
 }
 
 void TestBackendParts::jobVariablesOrder()
@@ -168,13 +183,17 @@ void TestBackendParts::jobVariablesOrder()
     job.deviceWidth = "612";
     job.deviceHeight = "792";
     job.options = parseJobOptions(options.toUtf8());
+    job.pageCodeKeyFile = "/work/marking/page-code.key";
     QueueSettings queue;
     // Listing a key that the backend sets does not let a user set it.
     queue.jobOptions =
         QStringList{"project",   "LABEL_NAME", "job-originating-user-name", "copies", "CURRENT_COPY",
-                    "NUM_PAGES", "PAGE_FORMAT"};
+                    "NUM_PAGES", "PAGE_FORMAT", "PAGE_CODE", "MarkerPageCodeKey", "MarkerPageCodeJobKey"};
     queue.variables = {{"LABEL_NAME", "SECRET"}};
-    const QMap<QString, QString> values = variablesOf(jobVariables(job, queue, 2));
+    const QByteArray lines = jobVariables(job, queue, 2);
+    const QMap<QString, QString> values = variablesOf(lines);
+    // The job's key file comes last, after the administrator's variables.
+    QVERIFY2(lines.endsWith("\nMarkerPageCodeJobKey=/work/marking/page-code.key\n"), lines.constData());
     QCOMPARE(values.value(key), expected);
     QCOMPARE(values.value("job-id"), QStringLiteral("12"));
     QCOMPARE(values.value("DEVICEWIDTH"), QStringLiteral("612"));

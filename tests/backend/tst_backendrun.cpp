@@ -2,6 +2,7 @@
 // what the real backend gets, a failing real backend, a job cancelled while
 // it is marked, and the work folder removed on every exit.
 #include "common/paths.h"
+#include "pagecode/pagecodekey.h"
 #include "support/postscripttools.h"
 #include "support/testsupport.h"
 
@@ -62,6 +63,12 @@ class BackendRig
     void setVariables(const QByteArray& content) const
     {
         writeFile(m_dir.filePath("etc/quillet/q.vars"), content);
+    }
+    // The site's marker definitions: the shipped ones followed by `lines`.
+    void setDefinitions(const QByteArray& lines) const
+    {
+        m_tree.write(QStringLiteral("etc-cups/marker.defs"),
+                     m_tree.read(QStringLiteral("share-cups/quillet/marker.defs")) + '\n' + lines);
     }
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
 
@@ -149,6 +156,8 @@ class TestBackendRun : public QObject
     void cancelledJobLeavesNothing_data();
     void cancelledJobLeavesNothing();
     void wrongCommandLine();
+    void siteKeyProblemsRefuseTheJob_data();
+    void siteKeyProblemsRefuseTheJob();
 };
 
 void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
@@ -295,6 +304,49 @@ void TestBackendRun::wrongCommandLine()
     const RunResult run = rig.run({QStringLiteral("7"), QStringLiteral("ivanov")});
     QCOMPARE(run.exitCode, 1);
     QVERIFY2(run.standardError.contains("Usage: "), run.standardError.constData());
+}
+
+void TestBackendRun::siteKeyProblemsRefuseTheJob_data()
+{
+    QTest::addColumn<QString>("keyFile"); // below the rig's folder
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("reason");
+    PageCodeKey jobKey;
+    QVERIFY(PageCodeKey::generate().forJob(7, &jobKey));
+    QTest::newRow("missing") << QStringLiteral("etc/quillet/missing.key") << QByteArray()
+                             << QByteArray("missing.key doesn't exist");
+    QTest::newRow("unreadable") << QStringLiteral("etc/quillet/folder.key") << QByteArray()
+                                << QByteArray("Can not read page-code key file");
+    QTest::newRow("not a key") << QStringLiteral("etc/quillet/text.key") << QByteArray("site xyz\n")
+                               << QByteArray("is not a key");
+    QTest::newRow("the job's own key instead of the site key")
+        << QStringLiteral("etc/quillet/job.key") << jobKey.toText()
+        << QByteArray("holds the key of job 7, not the site key");
+}
+
+// With page codes on, a site key that cannot be used refuses the job: no
+// page goes out without its code.
+void TestBackendRun::siteKeyProblemsRefuseTheJob()
+{
+    QFETCH(QString, keyFile);
+    QFETCH(QByteArray, content);
+    QFETCH(QByteArray, reason);
+    BackendRig rig;
+    rig.setTemplate("any:normal:9::code:bottom-left:{PAGE_CODE}\n");
+    if (keyFile.contains(QLatin1String("folder")))
+        QVERIFY(QDir().mkpath(rig.path(keyFile)));
+    else if (!content.isEmpty())
+        QVERIFY(writeFile(rig.path(keyFile), content));
+    rig.setDefinitions("MarkerPageCodeKey=" + QFile::encodeName(rig.path(keyFile)) + '\n');
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
+    QCOMPARE(run.exitCode, 5);
+    QVERIFY2(run.standardError.startsWith("ERROR: quillet: job 7 on q refused, nothing printed: "),
+             run.standardError.constData());
+    QVERIFY2(run.standardError.left(run.standardError.indexOf('\n')).contains(reason),
+             run.standardError.constData());
+    QVERIFY(run.standardError.contains("outcome=refused reason="));
+    QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestBackendRun)

@@ -4,6 +4,7 @@
 // and Poppler.
 #include "printserver.h"
 #include "standinprinter.h"
+#include "support/pagecodetools.h"
 #include "support/postscripttools.h"
 #include "support/testsupport.h"
 
@@ -12,6 +13,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <sys/stat.h>
 
 namespace
 {
@@ -27,6 +29,17 @@ const char QueueTemplate[] = "any:bold:12::label:top-center:{LABEL_NAME}\n"
 // may set. A key that the backend sets itself stays out even when listed.
 const char QueueVariables[] = "LABEL_NAME=Kestrel Restricted\n"
                               "MarkerJobOptions=project,job-originating-user-name,copies,LABEL_NAME_FULL\n";
+
+// The queue with page codes adds the code and a probe: a site program that
+// runs as the marking account and tells whether that account can read the
+// site key (its first argument), and what kind of key file the variables
+// hand it (MarkerPageCodeJobKey).
+const char CodeLines[] = "any:normal:9::code:bottom-center:Code {PAGE_CODE}\n"
+                         "any:normal:9::probe:top-center:{SCRIPT:@PROBE@ @SITEKEY@ {MarkerPageCodeJobKey}}\n";
+const char KeyProbe[] = "#!/bin/sh\n"
+                        "if head -c 1 \"$1\" >/dev/null 2>&1; then site=readable; else site=unreadable; fi\n"
+                        "kind=$(grep -v '^#' \"$2\" 2>/dev/null | head -n 1 | cut -d ' ' -f 1)\n"
+                        "echo \"Probe site key $site, handed key ${kind:-none}\"\n";
 
 const char Label[] = "Kestrel Restricted";
 const char PrintingUser[] = "nobody";
@@ -93,6 +106,8 @@ class TestPrintQueue : public QObject
     void auditLineForEveryJob_data();
     void auditLineForEveryJob();
     void noCapturedPageIsUnmarked();
+    void pageCodesTraceEveryPageAndCopy();
+    void markingRunNeverHoldsTheSiteKey();
 
   private:
     StandInPrinter& printer(const QString& queue);
@@ -108,6 +123,10 @@ class TestPrintQueue : public QObject
     QMap<QString, std::shared_ptr<StandInPrinter>> m_printers;
     QMap<QString, PrintedJob> m_jobs;
     QList<Capture> m_captures;
+    // The site's page-code key, and the days the jobs were marked within.
+    QString m_siteKey;
+    QDate m_firstDay;
+    QDate m_lastDay;
 };
 
 StandInPrinter& TestPrintQueue::printer(const QString& queue)
@@ -167,6 +186,24 @@ void TestPrintQueue::initTestCase()
 
     QString error;
     QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
+
+    // Page codes for the whole site: the key, root's only, named in the
+    // definitions; the queue "coded" shows the codes.
+    m_siteKey = m_server.serverRoot() + QStringLiteral("/quillet/page-code.key");
+    const RunResult madeKey =
+        runProgram(QStringLiteral(QUILLET_VERIFY_EXECUTABLE), {QStringLiteral("--new-key"), m_siteKey});
+    QVERIFY2(madeKey.exitCode == 0, madeKey.standardError.constData());
+    m_server.writeSiteDefinitions("MarkerPageCodeKey=" + QFile::encodeName(m_siteKey) + '\n');
+    const QString probe = m_server.writeJobFile(QStringLiteral("key-probe"), KeyProbe);
+    QVERIFY(QFile::setPermissions(probe, QFile::permissions(probe) | QFile::ExeOwner | QFile::ExeGroup |
+                                             QFile::ExeOther));
+    m_server.writeConfig(QStringLiteral("quillet/coded.tmpl"),
+                         QByteArray(QueueTemplate) + QByteArray(CodeLines)
+                                                         .replace("@PROBE@", QFile::encodeName(probe))
+                                                         .replace("@SITEKEY@", QFile::encodeName(m_siteKey)));
+    m_server.writeConfig(QStringLiteral("quillet/coded.vars"), QueueVariables);
+    addQueue(QStringLiteral("coded"),
+             QStringLiteral("quillet:") + printer(QStringLiteral("coded")).socketUri());
     addQueue(QStringLiteral("marked"),
              QStringLiteral("quillet:") + printer(QStringLiteral("marked")).socketUri());
     addQueue(QStringLiteral("duplex"),
@@ -202,6 +239,8 @@ void TestPrintQueue::initTestCase()
 
     // Every queue prints at the same time; within a queue the jobs keep
     // their order.
+    m_firstDay = QDate::currentDate();
+    submit(QStringLiteral("coded"), QStringLiteral("coded"), postscript, 3, 2);
     submit(QStringLiteral("postscript"), QStringLiteral("marked"), postscript, 3, 2);
     submit(QStringLiteral("pdf"), QStringLiteral("marked"), pdf, 2, 2);
     submit(QStringLiteral("text"), QStringLiteral("marked"), plain, 2, 2);
@@ -228,6 +267,16 @@ void TestPrintQueue::initTestCase()
     const int next = submit(QStringLiteral("after no template"), QStringLiteral("bare"), postscript, 3, 1);
     QVERIFY(next > 0);
     QVERIFY2(m_server.waitForJobs({next}, JobsTimeoutMs), m_server.errorLog().right(4000).constData());
+
+    // The site key goes missing: a job on a queue that shows the codes is
+    // refused rather than printed without them.
+    m_server.writeSiteDefinitions("MarkerPageCodeKey=" + QFile::encodeName(m_server.serverRoot()) +
+                                  "/quillet/missing.key\n");
+    const int withoutKey =
+        submit(QStringLiteral("missing site key"), QStringLiteral("coded"), postscript, 0, 1);
+    QVERIFY(withoutKey > 0);
+    QVERIFY2(m_server.waitForJobs({withoutKey}, JobsTimeoutMs), m_server.errorLog().right(4000).constData());
+    m_lastDay = QDate::currentDate();
 
     readCaptures();
 }
@@ -397,6 +446,8 @@ void TestPrintQueue::refusedJobSendsNothing_data()
     QTest::newRow("device URI wrapping quillet") << QStringLiteral("wrapped URI") << QStringLiteral("wraps");
     QTest::newRow("device URI naming no backend")
         << QStringLiteral("unknown scheme") << QStringLiteral("no backend");
+    QTest::newRow("page codes on, site key missing")
+        << QStringLiteral("missing site key") << QStringLiteral("Page-code key file ");
 }
 
 void TestPrintQueue::refusedJobSendsNothing()
@@ -445,8 +496,8 @@ void TestPrintQueue::nextJobPrintsAfterRefusal()
 void TestPrintQueue::pageLogCountsPagesTimesCopies_data()
 {
     QTest::addColumn<QString>("job");
-    for (const char* job :
-         {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "raw binary", "no template"})
+    for (const char* job : {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "coded",
+                            "raw binary", "no template", "missing site key"})
         QTest::newRow(job) << QString::fromLatin1(job);
 }
 
@@ -492,6 +543,8 @@ void TestPrintQueue::auditLineForEveryJob_data()
                                      << QStringLiteral("outcome=refused reason=");
     QTest::newRow("no template") << QStringLiteral("no template")
                                  << QStringLiteral("outcome=refused reason=");
+    QTest::newRow("page codes on, site key missing")
+        << QStringLiteral("missing site key") << QStringLiteral("outcome=refused reason=");
 }
 
 void TestPrintQueue::auditLineForEveryJob()
@@ -539,6 +592,73 @@ void TestPrintQueue::noCapturedPageIsUnmarked()
     for (const PrintedJob& job : qAsConst(m_jobs))
         expected += job.impressions();
     QCOMPARE(pages, expected);
+}
+
+// Every page and copy of the queue with codes carries its own code, and the
+// site key alone traces each to this job, page and copy, with the job's
+// audit line from the print server's log.
+void TestPrintQueue::pageCodesTraceEveryPageAndCopy()
+{
+    const PrintedJob printed = m_jobs.value(QStringLiteral("coded"));
+    QCOMPARE(m_server.jobState(printed.id), JobCompleted);
+    const Capture* capture = captureOf(QStringLiteral("coded"));
+    QVERIFY2(capture, "nothing from the job with page codes reached the printer");
+    QCOMPARE(capture->pageTexts.size(), printed.impressions());
+    QStringList codes;
+    for (const QString& page : capture->pageTexts) {
+        const QString code = printedPageCode(page.simplified(), QStringLiteral("Code"));
+        QVERIFY2(!code.isEmpty(), qPrintable(page));
+        codes << code;
+    }
+    QCOMPARE(QSet<QString>(codes.begin(), codes.end()).size(), codes.size());
+
+    const RunResult check = runProgram(
+        QStringLiteral(QUILLET_VERIFY_EXECUTABLE),
+        QStringList{QStringLiteral("--key"), m_siteKey, QStringLiteral("--log"), m_server.errorLogFile()} +
+            codes);
+    QVERIFY2(check.exitCode == 0, check.standardOutput + check.standardError);
+    const QList<Verdict> answers = verdicts(check.standardOutput);
+    QCOMPARE(answers.size(), codes.size());
+    for (int sheet = 0; sheet < codes.size(); ++sheet) {
+        const Verdict& answer = answers.at(sheet);
+        QVERIFY2(answer.authentic, qPrintable(codes.at(sheet)));
+        QCOMPARE(answer.job, qint64(printed.id));
+        QCOMPARE(answer.page, sheet % printed.pages + 1);
+        QCOMPARE(answer.copy, sheet / printed.pages + 1);
+        QVERIFY(answer.date >= m_firstDay && answer.date <= m_lastDay);
+    }
+    // The backend's own audit line, as the print server logged it, under
+    // every code.
+    const QStringList audits = verifyAuditLines(check.standardOutput);
+    QCOMPARE(audits.size(), codes.size());
+    const QString audit =
+        QStringLiteral("] [Job %1] quillet audit: job=%1 user=\"%2\" queue=coded label=\"%3\" "
+                       "pages=%4 copies=%5 sent=%6 outcome=marked-and-sent")
+            .arg(printed.id)
+            .arg(QLatin1String(PrintingUser), QLatin1String(Label))
+            .arg(printed.pages)
+            .arg(printed.copies)
+            .arg(printed.impressions());
+    for (const QString& line : audits) {
+        QVERIFY2(line.startsWith(QStringLiteral("N [")), qPrintable(line));
+        QVERIFY2(line.endsWith(audit), qPrintable(line));
+    }
+}
+
+// The marking account got a key of its job alone: the probe on every page
+// ran as that account, could not read the site key, and was handed a "job"
+// key file; the site key file is root's only.
+void TestPrintQueue::markingRunNeverHoldsTheSiteKey()
+{
+    struct stat info;
+    QCOMPARE(::stat(QFile::encodeName(m_siteKey).constData(), &info), 0);
+    QCOMPARE(info.st_uid, uid_t(0));
+    QCOMPARE(info.st_mode & 0077, mode_t(0));
+    const Capture* capture = captureOf(QStringLiteral("coded"));
+    QVERIFY2(capture, "nothing from the job with page codes reached the printer");
+    for (const QString& page : capture->pageTexts)
+        QVERIFY2(page.simplified().contains(QStringLiteral("Probe site key unreadable, handed key job")),
+                 qPrintable(page));
 }
 
 QTEST_GUILESS_MAIN(TestPrintQueue)

@@ -463,6 +463,18 @@ void TestPageCode::coderSetUp_data()
     QTest::newRow("not a key") << QByteArray("job-id=1\nMarkerPageCodeKey=@DIR@/key.bad\n") << false
                                << QStringLiteral(
                                       "Page-code key file @DIR@/key.bad is not a key: it holds no key line");
+    QTest::newRow("job key handed to the run stands in for an unreadable site key")
+        << QByteArray("job-id=1234\nMarkerPageCodeKey=@DIR@/key.dir\nMarkerPageCodeJobKey=@DIR@/key.job\n")
+        << true << QString();
+    QTest::newRow("job key handed to the run, of another job")
+        << QByteArray("job-id=1235\nMarkerPageCodeKey=@DIR@/key.site\nMarkerPageCodeJobKey=@DIR@/key.job\n")
+        << false
+        << QStringLiteral("Page-code key file @DIR@/key.job holds the key of job 1234, not of job 1235");
+    QTest::newRow("job key handed to the run, missing")
+        << QByteArray("job-id=1234\nMarkerPageCodeKey=@DIR@/key.site\nMarkerPageCodeJobKey=@DIR@/nothing\n")
+        << false << QStringLiteral("Page-code key file @DIR@/nothing doesn't exist");
+    QTest::newRow("job key alone does not turn codes on")
+        << QByteArray("job-id=1234\nMarkerPageCodeJobKey=@DIR@/key.job\n") << false << QString();
     QTest::newRow("no job id") << QByteArray("MarkerPageCodeKey=@DIR@/key.site\n") << false
                                << QStringLiteral("Page codes need the job's number, but job-id is \"\"");
     QTest::newRow("job id not a number")
@@ -528,6 +540,19 @@ void TestPageCode::coderMakesEachPagesCode()
     QCOMPARE(coder.setUp(variables), QString());
     QCOMPARE(countingKey().read(coder.code(1), &read), PageCodeReading::Authentic);
     QCOMPARE(read.date, PageCodeFields::wrap(0, 0, 0, QDate::currentDate()).date);
+
+    // The job's own key, handed to the run, makes the very codes of the site
+    // key, which the run then never reads.
+    PageCodeKey jobKey;
+    QVERIFY(countingKey().forJob(1234, &jobKey));
+    const QString jobKeyFile = QDir(m_dir.path()).filePath(QStringLiteral("coder-job.key"));
+    QVERIFY(writeFile(jobKeyFile, jobKey.toText()));
+    variables.insert(QStringLiteral("MarkerPageCodeKey"),
+                     QDir(m_dir.path()).filePath(QStringLiteral("absent")));
+    variables.insert(QStringLiteral("MarkerPageCodeJobKey"), jobKeyFile);
+    variables.insert(QStringLiteral("DATE"), QStringLiteral("23.11.2026"));
+    QCOMPARE(coder.setUp(variables), QString());
+    QCOMPARE(coder.code(2), QStringLiteral("HV32-RJU4-QE6J-VKVP-3N98-RBJE"));
     coder.reset();
 }
 

@@ -3,6 +3,7 @@
 // a job, making keys, the command line and the print server's audit lines.
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
+#include "support/pagecodetools.h"
 #include "support/postscripttools.h"
 #include "support/testsupport.h"
 #include "verify/auditlog.h"
@@ -77,38 +78,6 @@ bool prepareKeyedJob(FixtureTree& tree, const QString& document, QString* error)
     return true;
 }
 
-// What quillet-verify said about one code.
-struct Verdict {
-    bool authentic = false;
-    qint64 job = -1;
-    int page = -1;
-    int copy = -1;
-    QDate date;
-};
-
-// Reads quillet-verify's answer lines, one per code in order.
-QList<Verdict> verdicts(const QByteArray& output)
-{
-    static const QRegularExpression authentic(QStringLiteral(
-        "^\\S+: authentic: job (\\d+), page (\\d+), copy (\\d+), marked on (\\d{4}-\\d\\d-\\d\\d)$"));
-    QList<Verdict> result;
-    for (const QString& line : QString::fromLocal8Bit(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        if (line.startsWith(QLatin1Char(' ')))
-            continue; // an audit line of the code before
-        Verdict verdict;
-        const QRegularExpressionMatch match = authentic.match(line);
-        if (match.hasMatch()) {
-            verdict.authentic = true;
-            verdict.job = match.captured(1).toLongLong();
-            verdict.page = match.captured(2).toInt();
-            verdict.copy = match.captured(3).toInt();
-            verdict.date = QDate::fromString(match.captured(4), Qt::ISODate);
-        }
-        result << verdict;
-    }
-    return result;
-}
-
 } // namespace
 
 class TestVerify : public QObject
@@ -178,7 +147,6 @@ void TestVerify::codesReadBackFromPrintedPages()
     QString error;
     QVERIFY2(prepareKeyedJob(tree, m_listing, &error), qPrintable(error));
 
-    static const QRegularExpression printed(QStringLiteral("PAGE-CODE +([2-9A-Z]{4}(?:-[2-9A-Z]{4}){5})"));
     const QDate firstDay = QDate::currentDate();
     QStringList codes;
     QList<QPair<int, int>> expected; // page and copy of each code
@@ -193,15 +161,15 @@ void TestVerify::codesReadBackFromPrintedPages()
         const QStringList pages = pdfPageTexts(pdf);
         QCOMPARE(pages.size(), duplex ? 6 : 3);
         for (int sheet = 0; sheet < pages.size(); ++sheet) {
-            const QRegularExpressionMatch match = printed.match(pages.at(sheet));
+            const QString code = printedPageCode(pages.at(sheet), QStringLiteral("PAGE-CODE"));
             // In duplex the document's own pages carry no marker; the back
             // page after each carries that page's code.
             if (duplex && sheet % 2 == 0) {
-                QVERIFY2(!match.hasMatch(), qPrintable(pages.at(sheet)));
+                QVERIFY2(code.isEmpty(), qPrintable(pages.at(sheet)));
                 continue;
             }
-            QVERIFY2(match.hasMatch(), qPrintable(pages.at(sheet)));
-            codes << match.captured(1);
+            QVERIFY2(!code.isEmpty(), qPrintable(pages.at(sheet)));
+            codes << code;
             expected << qMakePair(duplex ? sheet / 2 + 1 : sheet + 1, copy);
         }
     }
@@ -402,6 +370,10 @@ void TestVerify::usageErrors_data()
                                           << QByteArray("--new-key takes one file and nothing else");
     QTest::newRow("--new-key with --key") << QStringList{"--new-key", "n.key", "--key", "a.key"}
                                           << QByteArray("--new-key takes one file and nothing else");
+    QTest::newRow("--log twice") << QStringList{"--log", "a", "--log", "b", "AAAA"}
+                                 << QByteArray("--log takes one file name, once");
+    QTest::newRow("--new-key with --log") << QStringList{"--new-key", "n.key", "--log", "error_log"}
+                                          << QByteArray("--new-key takes one file and nothing else");
     QTest::newRow("--new-key twice") << QStringList{"--new-key", "n.key", "--new-key", "m.key"}
                                      << QByteArray("--new-key takes one file and nothing else");
 }
@@ -549,9 +521,17 @@ void TestVerify::auditLinesOfTheJobArePrinted()
     const QByteArray expected =
         code.toLatin1() +
         ": authentic: job 4711, page 3, copy 2, marked on 2026-11-23\n"
-        "  N [23/Nov/2026:09:14:03 +0000] [Job 4711] NOTICE: quillet audit: user=ivanov queue=secure-a4 "
-        "label=CONFIDENTIAL pages=3 copies=3\n";
+        "  N [23/Nov/2026:09:14:03 +0000] [Job 4711] quillet audit: job=4711 user=\"ivanov\" queue=secure-a4 "
+        "label=\"CONFIDENTIAL\" pages=3 copies=3 sent=9 outcome=marked-and-sent\n";
     QCOMPARE(run.standardOutput, expected);
+
+    // Another log, a copy or a rotated one, named with --log.
+    tree.copy(testsSourceDir() + QStringLiteral("/verify/data/error_log"), QStringLiteral("job/error_log.O"));
+    const RunResult named =
+        tree.runInSandbox(verifyExecutable(), {QStringLiteral("--key"), QStringLiteral("site.key"),
+                                               QStringLiteral("--log"), QStringLiteral("error_log.O"), code});
+    QVERIFY2(named.exitCode == 0 && !named.crashed, qPrintable(describe(named)));
+    QCOMPARE(named.standardOutput, expected);
 
     // Without a log the verdict stands alone.
     QVERIFY(
@@ -569,16 +549,25 @@ void TestVerify::auditLinesAreChosenByJobAndLevel_data()
     QTest::addColumn<int>("count");
     QTest::addColumn<QString>("first");
 
-    QTest::newRow("the job's notice line only")
+    // The fixture's lines are shaped as the print server logs the backend's
+    // lines (tests/backend runs a real one).
+    QTest::newRow("the backend's audit line of the job, quotes unescaped")
         << 4711LL << 1
-        << "N [23/Nov/2026:09:14:03 +0000] [Job 4711] NOTICE: quillet audit: user=ivanov queue=secure-a4 "
-           "label=CONFIDENTIAL pages=3 copies=3";
-    QTest::newRow("a notice-level line without the prefix")
+        << "N [23/Nov/2026:09:14:03 +0000] [Job 4711] quillet audit: job=4711 user=\"ivanov\" "
+           "queue=secure-a4 "
+           "label=\"CONFIDENTIAL\" pages=3 copies=3 sent=9 outcome=marked-and-sent";
+    QTest::newRow("another day's job")
         << 47LL << 1
-        << "N [22/Nov/2026:18:00:00 +0000] [Job 47] quillet audit: user=petrov queue=plain label=PUBLIC";
-    QTest::newRow("a prefixed line at another level")
-        << 12LL << 1 << "I [21/Nov/2026:08:00:00 +0000] [Job 12] NOTICE: audit of job 12";
-    QTest::newRow("a job without notice lines") << 4712LL << 0 << QString();
+        << "N [22/Nov/2026:18:00:00 +0000] [Job 47] quillet audit: job=47 user=\"petrov\" queue=plain "
+           "label=\"PUBLIC\" pages=1 copies=1 sent=1 outcome=marked-and-sent";
+    QTest::newRow("a refusal, apostrophes unescaped")
+        << 4712LL << 1
+        << "N [23/Nov/2026:09:15:00 +0000] [Job 4712] quillet audit: job=4712 user=\"ivanov\" queue=wrapped "
+           "label=\"\" pages=0 copies=1 sent=0 outcome=refused reason=\"the device URI "
+           "'quillet:quillet:socket://127.0.0.1:9100' wraps 'quillet:' in itself\"";
+    QTest::newRow("other notice lines and a debug line holding the mark are not audit lines")
+        << 12LL << 0 << QString();
+    QTest::newRow("a job id that is the start of another") << 471LL << 0 << QString();
     QTest::newRow("a job the log never saw") << 5LL << 0 << QString();
 }
 
