@@ -106,11 +106,12 @@ QByteArray pageLabel(qint64 number)
 }
 
 // Copies count lines; keeps the first "%%PageBoundingBox:" line met when asked.
-void copyPageLines(QIODevice& input, QIODevice& output, qint64 count, QByteArray* boundingBox)
+void copyPageLines(QIODevice& input, TargetFile& output, qint64 count, QByteArray* boundingBox)
 {
     for (qint64 i = 0; i < count; ++i) {
         const QByteArray line = input.readLine();
-        output.write(line);
+        output.device().write(line);
+        output.spill();
         if (boundingBox && boundingBox->isNull() && line.startsWith(PageBoundingBox))
             *boundingBox = line;
     }
@@ -118,16 +119,18 @@ void copyPageLines(QIODevice& input, QIODevice& output, qint64 count, QByteArray
 
 } // namespace
 
-void copyLines(QIODevice& input, QIODevice& output, qint64 count)
+void copyLines(QIODevice& input, TargetFile& output, qint64 count)
 {
     copyPageLines(input, output, count, nullptr);
 }
 
-void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount)
+void copyRest(QIODevice& input, TargetFile& output, qint64 pageCount)
 {
     const QByteArray pages = QString::fromLatin1("%1 %2\n").arg(QLatin1String(PagesComment)).arg(pageCount).toLatin1();
-    for (QByteArray line = input.readLine(); !line.isEmpty(); line = input.readLine())
-        output.write(pageCount >= 0 && line.startsWith(PagesComment) ? pages : line);
+    for (QByteArray line = input.readLine(); !line.isEmpty(); line = input.readLine()) {
+        output.device().write(pageCount >= 0 && line.startsWith(PagesComment) ? pages : line);
+        output.spill();
+    }
 }
 
 Status Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
@@ -205,7 +208,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
 
     // The head: up to the prolog, the showpage redefinition and page size,
     // the rest of the head, the marker fonts, then the first "%%Page:" line.
-    copyLines(in, out, model.prologLine + 1);
+    copyLines(in, outputTarget, model.prologLine + 1);
     qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
     if (!copyNumbersFit(currentCopy, pageCount)) {
         qWarning("Value of '%s' is out of range; it counts as 0", "CURRENT_COPY");
@@ -225,9 +228,9 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             qWarning("Page size '%s' x '%s' is not a pair of positive numbers; no page size is requested",
                      qPrintable(width), qPrintable(height));
     }
-    copyLines(in, out, model.firstPageLine - model.prologLine);
+    copyLines(in, outputTarget, model.firstPageLine - model.prologLine);
     Fonts::instance().writeFontResources(out);
-    copyLines(in, out, 1);
+    copyLines(in, outputTarget, 1);
 
     const Marker& marker = Marker::instance();
     qint64 previousEnd = model.firstPageLine;
@@ -235,7 +238,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         const qint64 pageEnd = model.pageEndLines.at(int(page - 1));
         trace(QStringLiteral("Copying page: %1").arg(page));
         QByteArray boundingBox;
-        copyPageLines(in, out, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
+        copyPageLines(in, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
 
         variables.insert(QStringLiteral("CURRENT_PAGE"), QString::number(page));
         variables.insert(QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
@@ -248,7 +251,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             if (safeOutput)
                 out.write(MarkPage);
             out.write(ShowPageReal);
-            copyLines(in, out, 1);
+            copyLines(in, outputTarget, 1);
         } else {
             // A back page carrying the marker of this page; the document's
             // following page is renumbered after it.
@@ -262,9 +265,10 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             const QByteArray next = in.readLine();
             out.write(next.startsWith(PageComment) ? pageLabel(2 * page + 1) : next);
         }
+        outputTarget.spill();
         previousEnd = pageEnd;
     }
-    copyRest(in, out, duplex ? 2 * pageCount : -1);
+    copyRest(in, outputTarget, duplex ? 2 * pageCount : -1);
     in.close();
 
     // Every byte is out before anything replaces the originals.

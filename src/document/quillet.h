@@ -8,6 +8,7 @@
 #include <QtGlobal>
 
 class QIODevice;
+class TargetFile;
 
 // Line positions (0-based line indexes) of the input document.
 struct DocumentModel
@@ -38,8 +39,8 @@ public:
 bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter);
 
 // Copies count lines unchanged; nothing when count is 0 or less.
-void copyLines(QIODevice& input, QIODevice& output, qint64 count);
+void copyLines(QIODevice& input, TargetFile& output, qint64 count);
 
 // Copies the rest of the input. With a page count of 0 or more, "%%Pages:"
 // lines are rewritten with it; -1 leaves them as they are.
-void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount);
+void copyRest(QIODevice& input, TargetFile& output, qint64 pageCount);
