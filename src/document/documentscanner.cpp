@@ -5,6 +5,8 @@
 // positions are 0-based line indexes.
 #include "document/quillet.h"
 
+#include "document/linereader.h"
+
 #include "common/paths.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
@@ -28,20 +30,35 @@ const char FontsFolder[] = "/fonts/";
 const char BeginDocument[] = "%%BeginDocument";
 const char EndDocument[] = "%%EndDocument";
 
+// The position of a line in a list, or -1.
+int indexOf(const QList<QByteArray>& lines, std::string_view line)
+{
+    for (int i = 0; i < lines.size(); ++i) {
+        if (std::string_view(lines.at(i).constData(), size_t(lines.at(i).size())) == line)
+            return i;
+    }
+    return -1;
+}
+
 } // namespace
 
-bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter)
+bool filesMatch(LineReader& document, QIODevice& fontFile, qint64& lineCounter)
 {
+    LineReader font(fontFile);
     for (;;) {
-        const QByteArray fontLine = fontFile.readLine();
-        if (fontLine.isEmpty())
+        const std::string_view fontLine = font.readLine();
+        if (fontLine.empty())
             return true;
-        const QByteArray documentLine = document.readLine();
+        const std::string_view documentLine = document.readLine();
         ++lineCounter;
         if (documentLine != fontLine) {
+            // The trace shows each line up to its first NUL byte.
+            const QByteArray shownDocumentLine(documentLine.data(), int(documentLine.size()));
+            const QByteArray shownFontLine(fontLine.data(), int(fontLine.size()));
             trace(QStringLiteral("filesMatch: mismatch at line %1: line1='%2', line2='%3'")
                       .arg(lineCounter)
-                      .arg(QString::fromLatin1(documentLine.constData()), QString::fromLatin1(fontLine.constData())));
+                      .arg(QString::fromLatin1(shownDocumentLine.constData()),
+                           QString::fromLatin1(shownFontLine.constData())));
             return false;
         }
     }
@@ -78,7 +95,7 @@ QList<qint64> pageEndsOfEachPage(const QList<qint64>& pageStartLines, const QLis
 // One pass over the document. Embedded documents whose opening line is in
 // ignoredBegins are not taken as such; the opening lines of those never
 // closed are left in unclosedBegins.
-Status scanLines(QIODevice& input, DocumentModel& model, const QList<qint64>& ignoredBegins,
+Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& ignoredBegins,
                  QList<qint64>& unclosedBegins)
 {
     model = DocumentModel();
@@ -109,36 +126,36 @@ Status scanLines(QIODevice& input, DocumentModel& model, const QList<qint64>& ig
 
     qint64 counter = 0;
     while (!input.atEnd()) {
-        const QByteArray line = input.readLine();
+        const std::string_view line = input.readLine();
         if (safeOutput) {
-            if (line.startsWith(BeginDocument) && !ignoredBegins.contains(counter))
+            if (startsWith(line, BeginDocument) && !ignoredBegins.contains(counter))
                 openBegins.append(counter);
-            else if (!openBegins.isEmpty() && line.startsWith(EndDocument))
+            else if (!openBegins.isEmpty() && startsWith(line, EndDocument))
                 openBegins.removeLast();
-            if (!openBegins.isEmpty() || line.startsWith(EndDocument)) {
+            if (!openBegins.isEmpty() || startsWith(line, EndDocument)) {
                 ++counter;
                 continue;
             }
         }
-        if (model.prologLine == 0 && line.startsWith(BeginProlog) && !(safeOutput && !pageStartLines.isEmpty()))
+        if (model.prologLine == 0 && startsWith(line, BeginProlog) && !(safeOutput && !pageStartLines.isEmpty()))
             model.prologLine = counter;
 
-        if (line.startsWith(PageComment)) {
+        if (startsWith(line, PageComment)) {
             pageStartLines.append(counter - 1);
             if (model.firstPageLine == 0)
                 model.firstPageLine = counter - 1;
             lastTrailer = -1;
             lastEndOfFile = -1;
-        } else if (line.startsWith(PageTrailer)) {
+        } else if (startsWith(line, PageTrailer)) {
             model.pageEndLines.append(counter);
-        } else if (line.startsWith(Trailer) || line.startsWith(EndOfFile)) {
+        } else if (startsWith(line, Trailer) || startsWith(line, EndOfFile)) {
             if (trailerLine == -1)
                 trailerLine = counter;
-            (line.startsWith(Trailer) ? lastTrailer : lastEndOfFile) = counter;
-        } else if (line.startsWith(BeginFontResource) && resourceLines.contains(line)) {
+            (startsWith(line, Trailer) ? lastTrailer : lastEndOfFile) = counter;
+        } else if (startsWith(line, BeginFontResource) && indexOf(resourceLines, line) != -1) {
             // A marker base font in the document: compare it with the
             // catalogue's file. The lines read move the counter themselves.
-            const QString font = requiredFonts.at(resourceLines.indexOf(line));
+            const QString font = requiredFonts.at(indexOf(resourceLines, line));
             trace(QStringLiteral("Line %1 matches font resource line. Font name is %2").arg(counter).arg(font));
             QFile fontFile(QLatin1String(CupsDataDir) + QLatin1String(FontsFolder) + font);
             if (!fontFile.open(QIODevice::ReadOnly))
@@ -210,8 +227,11 @@ Status Quillet::scanDocument(QIODevice& input, DocumentModel& model)
     // swallow every later page: the scan is made again with its opening line
     // taken as an ordinary line.
     QList<qint64> unclosedBegins;
-    Status status = scanLines(input, model, {}, unclosedBegins);
-    if (status.ok() && !unclosedBegins.isEmpty() && input.seek(0))
-        status = scanLines(input, model, unclosedBegins, unclosedBegins);
+    LineReader reader(input);
+    Status status = scanLines(reader, model, {}, unclosedBegins);
+    if (status.ok() && !unclosedBegins.isEmpty() && input.seek(0)) {
+        LineReader again(input);
+        status = scanLines(again, model, unclosedBegins, unclosedBegins);
+    }
     return status;
 }

@@ -10,6 +10,7 @@
 #include "pagecode/pagecoder.h"
 #include "settings/variables.h"
 
+#include "document/linereader.h"
 #include "document/targetfile.h"
 
 #include <QCoreApplication>
@@ -105,29 +106,53 @@ QByteArray pageLabel(qint64 number)
     return QString::fromLatin1(PageLabel).arg(number).toLatin1();
 }
 
-// Copies count lines; keeps the first "%%PageBoundingBox:" line met when asked.
-void copyPageLines(QIODevice& input, QIODevice& output, qint64 count, QByteArray* boundingBox)
+// Writes a line (or a run of lines) to the output.
+void write(TargetFile& output, std::string_view lines)
 {
+    output.device().write(lines.data(), qint64(lines.size()));
+    output.spill();
+}
+
+// Copies count lines, in runs that stand together in the input's block.
+void copyRuns(LineReader& input, TargetFile& output, qint64 count)
+{
+    qint64 taken = 0;
+    for (; count > 0; count -= taken) {
+        const std::string_view lines = input.readLines(count, taken);
+        if (taken == 0)
+            return;
+        write(output, lines);
+    }
+}
+
+// Copies count lines; keeps the first "%%PageBoundingBox:" line met when asked.
+void copyPageLines(LineReader& input, TargetFile& output, qint64 count, QByteArray* boundingBox)
+{
+    if (!boundingBox) {
+        copyRuns(input, output, count);
+        return;
+    }
     for (qint64 i = 0; i < count; ++i) {
-        const QByteArray line = input.readLine();
-        output.write(line);
-        if (boundingBox && boundingBox->isNull() && line.startsWith(PageBoundingBox))
-            *boundingBox = line;
+        const std::string_view line = input.readLine();
+        write(output, line);
+        if (boundingBox->isNull() && startsWith(line, PageBoundingBox))
+            *boundingBox = QByteArray(line.data(), int(line.size()));
     }
 }
 
 } // namespace
 
-void copyLines(QIODevice& input, QIODevice& output, qint64 count)
+void copyLines(LineReader& input, TargetFile& output, qint64 count)
 {
-    copyPageLines(input, output, count, nullptr);
+    copyRuns(input, output, count);
 }
 
-void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount)
+void copyRest(LineReader& input, TargetFile& output, qint64 pageCount)
 {
     const QByteArray pages = QString::fromLatin1("%1 %2\n").arg(QLatin1String(PagesComment)).arg(pageCount).toLatin1();
-    for (QByteArray line = input.readLine(); !line.isEmpty(); line = input.readLine())
-        output.write(pageCount >= 0 && line.startsWith(PagesComment) ? pages : line);
+    const std::string_view pagesLine(pages.constData(), size_t(pages.size()));
+    for (std::string_view line = input.readLine(); !line.empty(); line = input.readLine())
+        write(output, pageCount >= 0 && startsWith(line, PagesComment) ? pagesLine : line);
 }
 
 Status Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
@@ -202,10 +227,11 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         return variablesWriteFailure;
 
     in.seek(0);
+    LineReader reader(in);
 
     // The head: up to the prolog, the showpage redefinition and page size,
     // the rest of the head, the marker fonts, then the first "%%Page:" line.
-    copyLines(in, out, model.prologLine + 1);
+    copyLines(reader, outputTarget, model.prologLine + 1);
     qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
     if (!copyNumbersFit(currentCopy, pageCount)) {
         qWarning("Value of '%s' is out of range; it counts as 0", "CURRENT_COPY");
@@ -225,9 +251,9 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             qWarning("Page size '%s' x '%s' is not a pair of positive numbers; no page size is requested",
                      qPrintable(width), qPrintable(height));
     }
-    copyLines(in, out, model.firstPageLine - model.prologLine);
+    copyLines(reader, outputTarget, model.firstPageLine - model.prologLine);
     Fonts::instance().writeFontResources(out);
-    copyLines(in, out, 1);
+    copyLines(reader, outputTarget, 1);
 
     const Marker& marker = Marker::instance();
     qint64 previousEnd = model.firstPageLine;
@@ -235,7 +261,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         const qint64 pageEnd = model.pageEndLines.at(int(page - 1));
         trace(QStringLiteral("Copying page: %1").arg(page));
         QByteArray boundingBox;
-        copyPageLines(in, out, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
+        copyPageLines(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
 
         variables.insert(QStringLiteral("CURRENT_PAGE"), QString::number(page));
         variables.insert(QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
@@ -248,7 +274,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             if (safeOutput)
                 out.write(MarkPage);
             out.write(ShowPageReal);
-            copyLines(in, out, 1);
+            copyLines(reader, outputTarget, 1);
         } else {
             // A back page carrying the marker of this page; the document's
             // following page is renumbered after it.
@@ -259,12 +285,16 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             if (safeOutput)
                 out.write(MarkPage);
             out.write(BackPageEnd);
-            const QByteArray next = in.readLine();
-            out.write(next.startsWith(PageComment) ? pageLabel(2 * page + 1) : next);
+            const std::string_view next = reader.readLine();
+            if (startsWith(next, PageComment))
+                out.write(pageLabel(2 * page + 1));
+            else
+                out.write(next.data(), qint64(next.size()));
         }
+        outputTarget.spill();
         previousEnd = pageEnd;
     }
-    copyRest(in, out, duplex ? 2 * pageCount : -1);
+    copyRest(reader, outputTarget, duplex ? 2 * pageCount : -1);
     in.close();
 
     // Every byte is out before anything replaces the originals.

@@ -7,7 +7,9 @@
 #include <QString>
 #include <QtGlobal>
 
+class LineReader;
 class QIODevice;
+class TargetFile;
 
 // Line positions (0-based line indexes) of the input document.
 struct DocumentModel
@@ -35,11 +37,11 @@ public:
 // Compares the next lines of the document with every line of the font file,
 // advancing the line counter for each document line read. True when the font
 // file's lines all match.
-bool filesMatch(QIODevice& document, QIODevice& fontFile, qint64& lineCounter);
+bool filesMatch(LineReader& document, QIODevice& fontFile, qint64& lineCounter);
 
 // Copies count lines unchanged; nothing when count is 0 or less.
-void copyLines(QIODevice& input, QIODevice& output, qint64 count);
+void copyLines(LineReader& input, TargetFile& output, qint64 count);
 
 // Copies the rest of the input. With a page count of 0 or more, "%%Pages:"
 // lines are rewritten with it; -1 leaves them as they are.
-void copyRest(QIODevice& input, QIODevice& output, qint64 pageCount);
+void copyRest(LineReader& input, TargetFile& output, qint64 pageCount);

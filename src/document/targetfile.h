@@ -1,6 +1,8 @@
 // A file that the document filter writes: the output or the variables file.
 #pragma once
 
+#include <QBuffer>
+#include <QByteArray>
 #include <QFile>
 #include <QSaveFile>
 #include <QString>
@@ -10,6 +12,9 @@
 // fails before leaves it as it was (the temporary file goes with this object);
 // otherwise it is written in place. A special file such as /dev/full or a pipe
 // cannot be replaced by renaming and is always written in place.
+//
+// What is written collects in memory and goes to the file in large writes,
+// each one checked: by spill() once a mebibyte has gathered, and by flush().
 class TargetFile
 {
 public:
@@ -19,8 +24,15 @@ public:
     // Opens the file (or its temporary file) for writing; false on failure.
     bool open(QIODevice::OpenMode mode);
 
-    // The device to write to, once open.
+    // The device to write to, once open: the collecting buffer.
     QIODevice& device();
+
+    // Writes out what has collected when it is a mebibyte or more.
+    void spill()
+    {
+        if (m_pending.size() >= SpillSize)
+            writePending();
+    }
 
     // Writes out what is buffered; false when any write so far failed.
     bool flush();
@@ -31,7 +43,17 @@ public:
     bool commit();
 
 private:
+    static constexpr int SpillSize = 1 << 20;
+
+    QFileDevice& file();
+    // Writes the collected bytes to the file and empties the buffer; a write
+    // that fails is remembered, and nothing more goes to the file after it.
+    void writePending();
+
     bool m_replaceWhole;
     QFile m_file;
     QSaveFile m_saveFile;
+    QByteArray m_pending;
+    QBuffer m_buffer;
+    bool m_writeFailed = false;
 };

@@ -6,6 +6,8 @@
 
 #include <QIODevice>
 
+#include <algorithm>
+
 namespace {
 
 // - -  Selects marker font %1 at size %2.
@@ -42,6 +44,21 @@ QString sizeText(float size)
     return QString::number(double(size), 'g', 6);
 }
 
+// A fragment with its font name (%1) and font size (%2) filled in.
+QByteArray withFont(const char* fragment, const char* font, const QByteArray& size)
+{
+    return QByteArray(fragment).replace("%1", font).replace("%2", size);
+}
+
+// Appends a glyph code as four lower-case hexadecimal digits.
+void appendCode(QByteArray& text, quint16 code)
+{
+    static const char Digits[] = "0123456789abcdef";
+    const char hex[4] = {Digits[code >> 12], Digits[(code >> 8) & 0xf], Digits[(code >> 4) & 0xf],
+                         Digits[code & 0xf]};
+    text.append(hex, 4);
+}
+
 } // namespace
 
 void Fonts::setFont(QIODevice& out, int style, float size)
@@ -53,19 +70,16 @@ void Fonts::setFont(QIODevice& out, int style, float size)
                  sizeText(size).toLocal8Bit().constData());
         size = 12.0f;
     }
-    out.write(QString::fromLatin1(SelectFont)
-                  .arg(QLatin1String(markerFontNames[style]), sizeText(size))
-                  .toLatin1());
+    out.write(withFont(SelectFont, markerFontNames[style], sizeText(size).toLatin1()));
     m_currentStyle = style;
     m_currentSize = size;
 }
 
 void Fonts::writeUnderlineProcs(QIODevice& out) const
 {
-    const QLatin1String font(markerFontNames[m_currentStyle]);
-    const QString size = sizeText(m_currentSize);
-    out.write(QString::fromLatin1(UnderlinePositionProc).arg(font, size).toLatin1());
-    out.write(QString::fromLatin1(UnderlineThicknessProc).arg(font, size).toLatin1());
+    const char* font = markerFontNames[m_currentStyle];
+    const QByteArray size = sizeText(m_currentSize).toLatin1();
+    out.write(withFont(UnderlinePositionProc, font, size) + withFont(UnderlineThicknessProc, font, size));
 }
 
 QString Fonts::encodeString(const QString& text) const
@@ -86,10 +100,10 @@ void Fonts::writeString(QIODevice& out, const QString& text) const
     // The same bytes as encodeString, written piece by piece: a long text
     // never has its four-times-larger encoding held whole in memory.
     constexpr int PieceCharacters = 4096;
-    QByteArray piece;
-    piece.reserve(4 * PieceCharacters + 2);
-    piece += '<';
     const int length = text.size();
+    QByteArray piece;
+    piece.reserve(4 * std::min(length, PieceCharacters) + 2);
+    piece += '<';
     for (int i = 0; i < length; ++i) {
         // A surrogate pair is one code point; a lone surrogate is taken as
         // U+FFFD, as QString::toUcs4 takes it.
@@ -100,8 +114,7 @@ void Fonts::writeString(QIODevice& out, const QString& text) const
         } else if (QChar::isSurrogate(codePoint)) {
             codePoint = QChar::ReplacementCharacter;
         }
-        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0;
-        piece += QByteArray::number(code, 16).rightJustified(4, '0');
+        appendCode(piece, codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0);
         if (piece.size() >= 4 * PieceCharacters) {
             out.write(piece);
             piece.clear();

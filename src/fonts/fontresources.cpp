@@ -83,6 +83,14 @@ QString substituteName(const QString& font, const QStringList& taken)
     return name;
 }
 
+// Copies the rest of a file as it stands, in large pieces.
+void copyFile(QIODevice& file, QIODevice& out)
+{
+    char piece[65536];
+    for (qint64 size = file.read(piece, sizeof piece); size > 0; size = file.read(piece, sizeof piece))
+        out.write(piece, size);
+}
+
 QList<int> sortedStyles(const QSet<int>& styles)
 {
     QList<int> sorted = styles.values();
@@ -122,8 +130,7 @@ void Fonts::writeFontResources(QIODevice& out) const
         }
         if (!m_conflictingDocumentFonts.contains(font)) {
             out.write(BeginFontResource + font.toLatin1() + '\n');
-            for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine())
-                out.write(line);
+            copyFile(file, out);
         } else {
             const QString newName = substituteName(font, m_identicalDocumentFonts);
             substituteFontNames.insert(font, newName);

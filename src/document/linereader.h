@@ -1,0 +1,47 @@
+// Reads a document's lines in large blocks and hands them out as views.
+#pragma once
+
+#include <QByteArray>
+#include <QtGlobal>
+
+#include <string_view>
+
+class QIODevice;
+
+// Whether a line begins with the given text.
+inline bool startsWith(std::string_view line, std::string_view prefix)
+{
+    return line.substr(0, prefix.size()) == prefix;
+}
+
+// Splits what a device holds into lines: each ends with its "\n", the last
+// one may lack it. Only "\n" ends a line; CR and NUL bytes are line content.
+// The device is read from its current position in blocks of a mebibyte; a
+// line longer than that grows the block until it fits. A view stays valid
+// until the next call that reads.
+class LineReader
+{
+  public:
+    explicit LineReader(QIODevice& device);
+
+    // The next line, or an empty view at the end of the input.
+    std::string_view readLine();
+
+    // Up to count whole lines that stand together in the block, as one view;
+    // taken is set to their number, 0 only at the end of the input.
+    std::string_view readLines(qint64 count, qint64& taken);
+
+    // Whether every line has been read.
+    bool atEnd();
+
+  private:
+    // Keeps the unread bytes and reads more after them; false when the
+    // device has nothing more.
+    bool fill();
+
+    QIODevice& m_device;
+    QByteArray m_block;
+    int m_start = 0;
+    int m_end = 0;
+    bool m_deviceAtEnd = false;
+};
