@@ -3,7 +3,9 @@
 # their own (build-fuzz/) and runs each for a while, starting from its seed
 # corpus in tests/fuzz/corpus/<target>/. Any crash, leak, sanitizer report,
 # time-out or memory blow-up fails the run; the input that caused it is left
-# in build-fuzz/findings/<target>/. Run as root: each target runs in a private
+# in build-fuzz/findings/<target>/. Each target's own output goes to
+# build-fuzz/fuzz_<target>.log; the run prints its final statistics, and the
+# end of the log when it failed. Run as root: each target runs in a private
 # mount namespace whose CUPS data directory is a scratch folder.
 #
 #   scripts/fuzz.sh [SECONDS_PER_TARGET]   (default 60, or $QUILLET_FUZZ_SECONDS)
@@ -32,14 +34,17 @@ for target in "${targets[@]}"; do
     token=$(head -c 16 /dev/urandom | od -An -tx1 | tr -d ' \n')
     printf '%s' "$token" > "$scratch/.fuzz-token"
     mkdir -p "$scratch/corpus" "$build/findings/$target"
-    echo "== fuzz_$target for $seconds s"
+    log="$build/fuzz_$target.log"
+    echo "== fuzz_$target for $seconds s (output in $log)"
     status=0
     QUILLET_FUZZ_TOKEN=$token tests/support/sandbox --bind "$scratch" "$datadir" -- \
         "$root/$build/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
         -max_len=16384 -print_final_stats=1 -artifact_prefix="$root/$build/findings/$target/" \
-        "$scratch/corpus" "tests/fuzz/corpus/$target" || status=$?
+        "$scratch/corpus" "tests/fuzz/corpus/$target" > "$log" 2>&1 || status=$?
     rm -rf "$scratch"
+    grep -E '^stat::(number_of_executed_units|peak_rss_mb|new_units_added):' "$log" || true
     if [ $status -ne 0 ]; then
+        tail -n 80 "$log" >&2
         echo "fuzz_$target failed (status $status); inputs in $build/findings/$target/" >&2
         failed+=("$target")
     fi

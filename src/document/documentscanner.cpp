@@ -17,6 +17,8 @@
 #include <QIODevice>
 #include <QStringList>
 
+#include <algorithm>
+
 namespace {
 
 const char BeginProlog[] = "%%BeginProlog";
@@ -82,11 +84,12 @@ QList<qint64> pageEndsOfEachPage(const QList<qint64>& pageStartLines, const QLis
             end = pageStartLines.at(page + 1);
         else if (trailerLine != -1)
             end = trailerLine - 1;
+        // Both lists are in line order: the page's last trailer line is the
+        // last one up to its end, if that stands inside the page.
+        const auto after = std::upper_bound(pageTrailerLines.cbegin(), pageTrailerLines.cend(), end);
         qint64 pageEnd = end;
-        for (qint64 trailer : pageTrailerLines) {
-            if (trailer > pageStartLines.at(page) + 1 && trailer <= end)
-                pageEnd = trailer;
-        }
+        if (after != pageTrailerLines.cbegin() && *(after - 1) > pageStartLines.at(page) + 1)
+            pageEnd = *(after - 1);
         ends.append(pageEnd);
     }
     return ends;

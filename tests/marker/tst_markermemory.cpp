@@ -10,9 +10,17 @@
 namespace
 {
 
-// The bound: ten times the template, plus a fixed allowance.
+// The bound: ten times the template, plus a fixed allowance. Built with the
+// sanitizers, the allocator adds a redzone to every block, shadow memory and
+// a quarantine of up to 256 MB of freed memory: the bound leaves room for
+// that and still catches memory that grows faster than the template.
+#ifdef QUILLET_SANITIZED
+constexpr qint64 TemplateFactor = 100;
+constexpr qint64 FixedKilobytes = 288 * 1024;
+#else
 constexpr qint64 TemplateFactor = 10;
 constexpr qint64 FixedKilobytes = 4 * 1024;
+#endif
 
 const QByteArray StringLine = "any:normal:12::top-left:";
 
