@@ -2,6 +2,49 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="ru_RU">
 <context>
+    <name>PageCode</name>
+    <message>
+        <source>its key line is neither &quot;site SECRET&quot; nor &quot;job ID SECRET&quot;</source>
+        <translation>его строка ключа не имеет вида &quot;site SECRET&quot; или &quot;job ID SECRET&quot;</translation>
+    </message>
+    <message>
+        <source>the secret must be 64 hexadecimal digits and a job id a number below 16777216</source>
+        <translation>секрет должен состоять из 64 шестнадцатеричных цифр, а номер задания быть числом меньше 16777216</translation>
+    </message>
+    <message>
+        <source>it holds no key line</source>
+        <translation>в нём нет строки ключа</translation>
+    </message>
+    <message>
+        <source>Page-code key file %1 doesn&apos;t exist</source>
+        <translation>Файл ключа кодов страниц %1 не существует</translation>
+    </message>
+    <message>
+        <source>Can not read page-code key file %1</source>
+        <translation>Не удаётся прочитать файл ключа кодов страниц %1</translation>
+    </message>
+    <message>
+        <source>Page-code key file %1 is not a key: %2</source>
+        <translation>Файл ключа кодов страниц %1 не является ключом: %2</translation>
+    </message>
+    <message>
+        <source>Key file %1 already exists; it is not replaced</source>
+        <translation>Файл ключа %1 уже существует; он не заменяется</translation>
+    </message>
+    <message>
+        <source>Can not create key file %1: %2</source>
+        <translation>Не удаётся создать файл ключа %1: %2</translation>
+    </message>
+    <message>
+        <source>Page codes need the job&apos;s number, but job-id is &quot;%1&quot;</source>
+        <translation>Для кодов страниц нужен номер задания, а job-id равен &quot;%1&quot;</translation>
+    </message>
+    <message>
+        <source>Page-code key file %1 holds the key of job %2, not of job %3</source>
+        <translation>Файл ключа кодов страниц %1 содержит ключ задания %2, а не задания %3</translation>
+    </message>
+</context>
+<context>
     <name>Quillet</name>
     <message>
         <source>Can not open input file %1</source>
@@ -133,6 +176,85 @@
     <message>
         <source>Can not read marker font file %1: the marker would not print</source>
         <translation>Не удаётся прочитать файл шрифта маркера %1: маркер не был бы напечатан</translation>
+    </message>
+</context>
+<context>
+    <name>verify</name>
+    <message>
+        <source>Try &quot;quillet-verify --help&quot;.</source>
+        <translation>Попробуйте &quot;quillet-verify --help&quot;.</translation>
+    </message>
+    <message>
+        <source>Can not read marker definition file %1</source>
+        <translation>Не удаётся прочитать файл определений маркера %1</translation>
+    </message>
+    <message>
+        <source>No page-code key: %1 does not set %2; give --key FILE</source>
+        <translation>Нет ключа кодов страниц: %1 не задаёт %2; укажите --key ФАЙЛ</translation>
+    </message>
+    <message>
+        <source>a code has 24 characters besides &quot;-&quot;</source>
+        <translation>код состоит из 24 символов, не считая &quot;-&quot;</translation>
+    </message>
+    <message>
+        <source>it holds a character that codes never use</source>
+        <translation>в нём есть символ, которого в кодах не бывает</translation>
+    </message>
+    <message>
+        <source>no code is spelled like this</source>
+        <translation>так не пишется ни один код</translation>
+    </message>
+    <message>
+        <source>New page-code key written to %1</source>
+        <translation>Новый ключ кодов страниц записан в %1</translation>
+    </message>
+    <message>
+        <source>%1: NOT authentic</source>
+        <translation>%1: НЕ подлинный</translation>
+    </message>
+    <message>
+        <source>%1: NOT authentic (%2)</source>
+        <translation>%1: НЕ подлинный (%2)</translation>
+    </message>
+    <message>
+        <source>%1: authentic: job %2, page %3, copy %4, marked on %5</source>
+        <translation>%1: подлинный: задание %2, страница %3, экземпляр %4, маркирован %5</translation>
+    </message>
+    <message>
+        <source>Checks the page codes that quillet prints, or makes a new key</source>
+        <translation>Проверяет коды страниц, которые печатает quillet, или создаёт новый ключ</translation>
+    </message>
+    <message>
+        <source>Page code as printed; any case, &quot;-&quot; optional</source>
+        <translation>Код страницы, как он напечатан; регистр любой, &quot;-&quot; необязателен</translation>
+    </message>
+    <message>
+        <source>Key file to check with (default: the one the marker definitions name)</source>
+        <translation>Файл ключа для проверки (по умолчанию тот, что назван в определениях маркера)</translation>
+    </message>
+    <message>
+        <source>Write a new random site key to a new file of mode 0600</source>
+        <translation>Записать новый случайный ключ площадки в новый файл с правами 0600</translation>
+    </message>
+    <message>
+        <source>Print server log to look up the jobs&apos; audit lines in (default: %1)</source>
+        <translation>Журнал сервера печати, в котором искать строки аудита заданий (по умолчанию %1)</translation>
+    </message>
+    <message>
+        <source>--new-key takes one file and nothing else</source>
+        <translation>--new-key принимает один файл и ничего больше</translation>
+    </message>
+    <message>
+        <source>Give the codes to check, or --new-key FILE</source>
+        <translation>Укажите коды для проверки или --new-key ФАЙЛ</translation>
+    </message>
+    <message>
+        <source>--key takes one file name, once</source>
+        <translation>--key принимает одно имя файла, один раз</translation>
+    </message>
+    <message>
+        <source>--log takes one file name, once</source>
+        <translation>--log принимает одно имя файла, один раз</translation>
     </message>
 </context>
 </TS>

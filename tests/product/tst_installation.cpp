@@ -199,27 +199,50 @@ void TestInstallation::backendRunsAsRootOnly()
 
 void TestInstallation::fatalMessageFollowsLocale_data()
 {
+    QTest::addColumn<QString>("program");
+    QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("language");
+    QTest::addColumn<int>("status");
     QTest::addColumn<QString>("expected");
-    QTest::newRow("Russian locale gives Russian")
-        << QStringLiteral("ru_RU.UTF-8") << QStringLiteral("Входной файл missing.ps не существует\n");
-    QTest::newRow("C locale gives English") << QStringLiteral("C")
-                                           << QStringLiteral("Input file missing.ps doesn't exist\n");
+    const QStringList job{QStringLiteral("missing.ps"), QStringLiteral("t"), QStringLiteral("v"), QStringLiteral("o")};
+    const QStringList missingKey{QStringLiteral("--key"), QStringLiteral("missing.key"),
+                                 QStringLiteral("ABCD-EFGH-JKMN-PQRS-TVWX-YZ23")};
+    const QStringList twoKeys{QStringLiteral("--key"), QStringLiteral("a"), QStringLiteral("--key"),
+                              QStringLiteral("b"), QStringLiteral("x")};
+    QTest::newRow("quillet, Russian locale gives Russian")
+        << QStringLiteral("quillet") << job << QStringLiteral("ru_RU.UTF-8") << 1
+        << QStringLiteral("Входной файл missing.ps не существует\n");
+    QTest::newRow("quillet, C locale gives English")
+        << QStringLiteral("quillet") << job << QStringLiteral("C") << 1
+        << QStringLiteral("Input file missing.ps doesn't exist\n");
+    QTest::newRow("quillet-verify, Russian locale gives Russian")
+        << QStringLiteral("quillet-verify") << missingKey << QStringLiteral("ru_RU.UTF-8") << 1
+        << QStringLiteral("Файл ключа кодов страниц missing.key не существует\n");
+    QTest::newRow("quillet-verify, C locale gives English")
+        << QStringLiteral("quillet-verify") << missingKey << QStringLiteral("C") << 1
+        << QStringLiteral("Page-code key file missing.key doesn't exist\n");
+    QTest::newRow("quillet-verify usage, Russian locale gives Russian")
+        << QStringLiteral("quillet-verify") << twoKeys << QStringLiteral("ru_RU.UTF-8") << 2
+        << QStringLiteral("--key принимает одно имя файла, один раз\n"
+                          "Попробуйте \"quillet-verify --help\".\n");
 }
 
 void TestInstallation::fatalMessageFollowsLocale()
 {
+    QFETCH(QString, program);
+    QFETCH(QStringList, arguments);
     QFETCH(QString, language);
+    QFETCH(int, status);
     QFETCH(QString, expected);
     FixtureTree tree;
     tree.copy(m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(TranslationsDir)),
               QStringLiteral("translations"));
-    const QString program = m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet"));
-    const RunResult run = tree.runInSandbox(
-        program, {QStringLiteral("missing.ps"), QStringLiteral("t"), QStringLiteral("v"), QStringLiteral("o")},
-        {QStringLiteral("LANG=") + language, QStringLiteral("LC_ALL="), QStringLiteral("LC_MESSAGES="),
-         QStringLiteral("LANGUAGE=")});
-    QCOMPARE(run.exitCode, 1);
+    const QString installed =
+        m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/") + program);
+    const RunResult run = tree.runInSandbox(installed, arguments,
+                                            {QStringLiteral("LANG=") + language, QStringLiteral("LC_ALL="),
+                                             QStringLiteral("LC_MESSAGES="), QStringLiteral("LANGUAGE=")});
+    QCOMPARE(run.exitCode, status);
     QCOMPARE(QString::fromUtf8(run.standardError), expected);
 }
 
