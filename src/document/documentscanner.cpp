@@ -5,6 +5,7 @@
 // positions are 0-based line indexes.
 #include "document/quillet.h"
 
+#include "document/insertions.h"
 #include "document/linereader.h"
 
 #include "common/paths.h"
@@ -31,6 +32,10 @@ const char EndResource[] = "%%EndResource\n";
 const char FontsFolder[] = "/fonts/";
 const char BeginDocument[] = "%%BeginDocument";
 const char EndDocument[] = "%%EndDocument";
+// What a classic run leaves in a document: its showpage redefinition after
+// the prolog line, and the line that shows each page after its marker block.
+const char ClassicRedefinition[] = "/showpagereal /showpage load def\n";
+const char ClassicShowPage[] = "showpagereal\n";
 
 // The position of a line in a list, or -1.
 int indexOf(const QList<QByteArray>& lines, std::string_view line)
@@ -95,6 +100,23 @@ QList<qint64> pageEndsOfEachPage(const QList<qint64>& pageStartLines, const QLis
     return ends;
 }
 
+// Print-safe, on a document that a classic run marked: the classic marker
+// block of a page may stand after the page's end (after its "%%PageTrailer",
+// before the next page). The page then ends after the block's
+// "showpagereal", so that the earlier marks stay on their page, under the
+// new ones.
+void endPagesAfterClassicMarks(QList<qint64>& pageEnds, const QList<qint64>& pageStartLines,
+                               const QList<qint64>& classicShowPages, qint64 lastLine)
+{
+    for (int page = 0; page < pageEnds.size() && page < pageStartLines.size(); ++page) {
+        // The next page's "%%Page:" line, or past the last line.
+        const qint64 limit = page + 1 < pageStartLines.size() ? pageStartLines.at(page + 1) + 1 : lastLine + 1;
+        const auto show = std::lower_bound(classicShowPages.cbegin(), classicShowPages.cend(), pageEnds.at(page));
+        if (show != classicShowPages.cend() && *show + 1 <= limit && *show + 1 <= lastLine)
+            pageEnds[page] = *show + 1;
+    }
+}
+
 // One pass over the document. Embedded documents whose opening line is in
 // ignoredBegins are not taken as such; the opening lines of those never
 // closed are left in unclosedBegins.
@@ -126,11 +148,19 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
     QList<qint64> openBegins;
     qint64 lastTrailer = -1;
     qint64 lastEndOfFile = -1;
+    bool classicMarks = false;
+    QList<qint64> classicShowPages;
 
     qint64 counter = 0;
     while (!input.atEnd()) {
         const std::string_view line = input.readLine();
         if (safeOutput) {
+            if (!model.earlierMarks && Insertions::isMarkOfEarlierRun(line))
+                model.earlierMarks = true;
+            if (line == ClassicRedefinition)
+                classicMarks = true;
+            else if (line == ClassicShowPage)
+                classicShowPages.append(counter);
             if (startsWith(line, BeginDocument) && !ignoredBegins.contains(counter))
                 openBegins.append(counter);
             else if (!openBegins.isEmpty() && startsWith(line, EndDocument))
@@ -202,6 +232,8 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
         const bool endsAtTrailer = model.pageEndLines.isEmpty() && trailerLine != -1;
         if (!pageStartLines.isEmpty() && !endsAtTrailer && (anyTrailer || !model.pageEndLines.isEmpty()))
             model.pageEndLines = pageEndsOfEachPage(pageStartLines, model.pageEndLines, trailerLine, counter - 1);
+        if (classicMarks)
+            endPagesAfterClassicMarks(model.pageEndLines, pageStartLines, classicShowPages, counter - 1);
     }
 
     // Without "%%PageTrailer" lines the pages end where the next one starts;

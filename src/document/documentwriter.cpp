@@ -10,6 +10,7 @@
 #include "pagecode/pagecoder.h"
 #include "settings/variables.h"
 
+#include "document/insertions.h"
 #include "document/linereader.h"
 #include "document/targetfile.h"
 
@@ -17,6 +18,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QTemporaryFile>
 
 #include <sys/stat.h>
 
@@ -45,6 +47,11 @@ const char DuplexPageGuard[] =
     ">> setpagedevice\n";
 // - -  Marks the page for the guard, right before it is shown.
 const char MarkPage[] = "userdict /QuilletPageMarked true put\n";
+// - -  Print-safe: keeps the real showpage under a name of its own, which a
+// showpage redefinition that an earlier classic run left in the document
+// cannot reach; the marked pages are shown through it.
+const char KeepShowPage[] = "/QuilletShowPage /showpage load def\n";
+const char ShowPageKept[] = "QuilletShowPage\n";
 // - -  Asks for the job's paper size.
 const char PageSizeRequest[] = "<< /PageSize [ %1 %2 ] /ImagingBBox null >> setpagedevice\n";
 // - -  Shows the page with the marker painted over it (simplex).
@@ -54,6 +61,7 @@ const char ShowPageReal[] = "showpagereal\n";
 const char PageLabel[] = "%%Page: %1 %1\n";
 const char PageSetup[] = "%%BeginPageSetup\n%%EndPageSetup\n";
 const char BackPageEnd[] = "showpage\n%%PageTrailer\n";
+const char KeptBackPageEnd[] = "QuilletShowPage\n%%PageTrailer\n";
 
 const char PageComment[] = "%%Page:";
 const char PagesComment[] = "%%Pages:";
@@ -147,12 +155,16 @@ void copyLines(LineReader& input, TargetFile& output, qint64 count)
     copyRuns(input, output, count);
 }
 
-void copyRest(LineReader& input, TargetFile& output, qint64 pageCount)
+void copyRest(LineReader& input, TargetFile& output, qint64 pageCount, bool recordReplaced)
 {
     const QByteArray pages = QString::fromLatin1("%1 %2\n").arg(QLatin1String(PagesComment)).arg(pageCount).toLatin1();
     const std::string_view pagesLine(pages.constData(), size_t(pages.size()));
-    for (std::string_view line = input.readLine(); !line.empty(); line = input.readLine())
-        write(output, pageCount >= 0 && startsWith(line, PagesComment) ? pagesLine : line);
+    for (std::string_view line = input.readLine(); !line.empty(); line = input.readLine()) {
+        const bool replaced = pageCount >= 0 && startsWith(line, PagesComment);
+        if (replaced && recordReplaced)
+            Insertions::recordReplaced(output.device(), line);
+        write(output, replaced ? pagesLine : line);
+    }
 }
 
 Status Quillet::process(const QString& input, const QString& templateFile, const QString& variablesFile,
@@ -205,6 +217,29 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     const Status scanned = scanDocument(in, model);
     if (!scanned.ok())
         return scanned;
+    // A document that an earlier print-safe run marked: its marks go first,
+    // and the original is marked as if it came here unmarked.
+    QTemporaryFile original;
+    QIODevice* source = &in;
+    if (model.earlierMarks) {
+        if (!original.open())
+            return Status::failure(
+                quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not create a temporary file for input file %1"))
+                    .arg(input));
+        in.seek(0);
+        LineReader marked(in);
+        const Status dropped = Insertions::drop(marked, original, input);
+        if (!dropped.ok())
+            return dropped;
+        if (!original.flush() || !original.seek(0))
+            return Status::failure(
+                quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not write the copy of input file %1 without its earlier marks"))
+                    .arg(input));
+        source = &original;
+        const Status rescanned = scanDocument(original, model);
+        if (!rescanned.ok())
+            return rescanned;
+    }
     if (model.pageEndLines.isEmpty())
         return Status::failure(
             quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
@@ -226,8 +261,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     if (safeOutput ? !variablesTarget.flush() : !variablesTarget.commit())
         return variablesWriteFailure;
 
-    in.seek(0);
-    LineReader reader(in);
+    source->seek(0);
+    LineReader reader(*source);
 
     // The head: up to the prolog, the showpage redefinition and page size,
     // the rest of the head, the marker fonts, then the first "%%Page:" line.
@@ -238,6 +273,10 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         currentCopy = 0;
     }
     const QString pageFormat = variables.value(QStringLiteral("PAGE_FORMAT"));
+    if (safeOutput) {
+        Insertions::begin(out);
+        out.write(KeepShowPage);
+    }
     if (!duplex)
         out.write(RedefineShowpage);
     if (safeOutput)
@@ -251,8 +290,14 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             qWarning("Page size '%s' x '%s' is not a pair of positive numbers; no page size is requested",
                      qPrintable(width), qPrintable(height));
     }
+    if (safeOutput)
+        Insertions::end(out);
     copyLines(reader, outputTarget, model.firstPageLine - model.prologLine);
+    if (safeOutput)
+        Insertions::begin(out);
     Fonts::instance().writeFontResources(out);
+    if (safeOutput)
+        Insertions::end(out);
     copyLines(reader, outputTarget, 1);
 
     const Marker& marker = Marker::instance();
@@ -269,11 +314,17 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         if (PageCoder::instance().isOn())
             variables.insert(QStringLiteral("PAGE_CODE"), PageCoder::instance().code(page));
 
+        if (safeOutput)
+            Insertions::begin(out);
         if (!duplex) {
             marker.drawMarker(out, int(page), page == pageCount);
-            if (safeOutput)
+            if (safeOutput) {
                 out.write(MarkPage);
-            out.write(ShowPageReal);
+                out.write(ShowPageKept);
+                Insertions::end(out);
+            } else {
+                out.write(ShowPageReal);
+            }
             copyLines(reader, outputTarget, 1);
         } else {
             // A back page carrying the marker of this page; the document's
@@ -282,19 +333,26 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             out.write(boundingBox);
             out.write(PageSetup);
             marker.drawMarker(out, int(page), page == pageCount);
-            if (safeOutput)
+            if (safeOutput) {
                 out.write(MarkPage);
-            out.write(BackPageEnd);
+                out.write(KeptBackPageEnd);
+                Insertions::end(out);
+            } else {
+                out.write(BackPageEnd);
+            }
             const std::string_view next = reader.readLine();
-            if (startsWith(next, PageComment))
+            if (startsWith(next, PageComment)) {
+                if (safeOutput)
+                    Insertions::recordReplaced(out, next);
                 out.write(pageLabel(2 * page + 1));
-            else
+            } else {
                 out.write(next.data(), qint64(next.size()));
+            }
         }
         outputTarget.spill();
         previousEnd = pageEnd;
     }
-    copyRest(reader, outputTarget, duplex ? 2 * pageCount : -1);
+    copyRest(reader, outputTarget, duplex ? 2 * pageCount : -1, safeOutput);
     in.close();
 
     // Every byte is out before anything replaces the originals.

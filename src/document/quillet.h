@@ -17,6 +17,7 @@ struct DocumentModel
     qint64 prologLine = 0;    // the first "%%BeginProlog" line; 0 when none
     qint64 firstPageLine = 0; // the line before the first "%%Page:"; 0 when none
     QList<qint64> pageEndLines; // the last line of every page, in page order
+    bool earlierMarks = false;  // print-safe: lines that an earlier run added
 };
 
 class Quillet
@@ -43,5 +44,6 @@ bool filesMatch(LineReader& document, QIODevice& fontFile, qint64& lineCounter);
 void copyLines(LineReader& input, TargetFile& output, qint64 count);
 
 // Copies the rest of the input. With a page count of 0 or more, "%%Pages:"
-// lines are rewritten with it; -1 leaves them as they are.
-void copyRest(LineReader& input, TargetFile& output, qint64 pageCount);
+// lines are rewritten with it, each after a record of the original when
+// asked; -1 leaves them as they are.
+void copyRest(LineReader& input, TargetFile& output, qint64 pageCount, bool recordReplaced);

@@ -158,6 +158,11 @@ const QByteArray PageGuard = "userdict /QuilletPageMarked false put\n"
                              "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
                              "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
                              ">> setpagedevice\n";
+// Print-safe insertions stand between these lines; the first one keeps the
+// real showpage under a name of its own.
+const QByteArray InsertionBegin = "%quillet-insertion-begin\n";
+const QByteArray InsertionEnd = "%quillet-insertion-end\n";
+const QByteArray KeepShowPage = "/QuilletShowPage /showpage load def\n";
 // The duplex guard: a document page is shown only after a marked one.
 const QByteArray DuplexPageGuard =
     "userdict /QuilletPageMarked false put\n"
@@ -329,26 +334,27 @@ void TestDocumentWriter::pageSizeRequest_data()
     // Print-safe output: only plain positive numbers reach the request; with
     // anything else the request is left out (the device's own paper).
     const QByteArray safe = "MarkerSafeOutput=1\nPAGE_FORMAT=Letter\n";
-    const QByteArray safeBefore = before + ShowpageRedefinition + PageGuard;
+    const QByteArray safeBefore = before + InsertionBegin + KeepShowPage + ShowpageRedefinition + PageGuard;
+    const QByteArray safeAfter = InsertionEnd + "%%EndProlog\n" + InsertionBegin + "%%BeginResource: font TinySans\n";
     QTest::newRow("print-safe: plain numbers are requested")
         << document << safe + "DEVICEWIDTH=612\nDEVICEHEIGHT=792.5\n" << false
-        << safeBefore + "<< /PageSize [ 612 792.5 ] /ImagingBBox null >> setpagedevice\n" + after;
+        << safeBefore + "<< /PageSize [ 612 792.5 ] /ImagingBBox null >> setpagedevice\n" + safeAfter;
     QTest::newRow("print-safe: PostScript in a device size is not copied")
         << document << safe + "DEVICEWIDTH=612 ] >> setpagedevice erasepage [ 1\nDEVICEHEIGHT=792\n" << false
-        << safeBefore + after;
+        << safeBefore + safeAfter;
     QTest::newRow("print-safe: a unit after the number")
-        << document << safe + "DEVICEWIDTH=612\nDEVICEHEIGHT=792pt\n" << false << safeBefore + after;
+        << document << safe + "DEVICEWIDTH=612\nDEVICEHEIGHT=792pt\n" << false << safeBefore + safeAfter;
     QTest::newRow("print-safe: an absent device size")
-        << document << safe + "DEVICEWIDTH=612\n" << false << safeBefore + after;
+        << document << safe + "DEVICEWIDTH=612\n" << false << safeBefore + safeAfter;
     QTest::newRow("print-safe: not a finite number")
-        << document << safe + "DEVICEWIDTH=nan\nDEVICEHEIGHT=inf\n" << false << safeBefore + after;
+        << document << safe + "DEVICEWIDTH=nan\nDEVICEHEIGHT=inf\n" << false << safeBefore + safeAfter;
     QTest::newRow("print-safe: zero and negative sizes")
-        << document << safe + "DEVICEWIDTH=0\nDEVICEHEIGHT=-792\n" << false << safeBefore + after;
+        << document << safe + "DEVICEWIDTH=0\nDEVICEHEIGHT=-792\n" << false << safeBefore + safeAfter;
     QTest::newRow("print-safe: more digits than any paper")
         << document << safe + "DEVICEWIDTH=" + QByteArray(400, '9') + "\nDEVICEHEIGHT=792\n" << false
-        << safeBefore + after;
+        << safeBefore + safeAfter;
     QTest::newRow("print-safe, duplex: a bad device size is left out")
-        << document << safe + "DEVICEWIDTH=(x)\nDEVICEHEIGHT=792\n" << true << before + DuplexPageGuard + after;
+        << document << safe + "DEVICEWIDTH=(x)\nDEVICEHEIGHT=792\n" << true << before + InsertionBegin + KeepShowPage + DuplexPageGuard + safeAfter;
 }
 
 void TestDocumentWriter::pageSizeRequest()

@@ -6,6 +6,7 @@
 // is then rendered, converted to PDF and read back as text, and lined up
 // with the input line by line.
 #include "support/postscripttools.h"
+#include "support/realdocuments.h"
 #include "support/testsupport.h"
 
 #include <QFileInfo>
@@ -273,12 +274,6 @@ private slots:
 
 private:
     void addRows();
-    QString make(const QString& name) const { return m_work.filePath(name); }
-    // Runs a tool in the work folder; on failure m_toolError says why.
-    bool runTool(const QString& program, const QStringList& arguments, const QString& stdoutFile = {})
-    {
-        return ::runTool(m_work.path(), program, arguments, &m_toolError, stdoutFile);
-    }
     bool addDocument(const QString& key, const QString& label, const QString& file);
     const MarkedJob& job(const QString& document, bool duplex);
 
@@ -326,54 +321,10 @@ void TestRealDocuments::initTestCase()
     for (const char* program : {"groff", "gs", "ps2pdf", "pdfinfo", "pdftotext", "pdftops", "pdftocairo", "gzip"})
         QVERIFY2(haveProgram(QLatin1String(program)), qPrintable(QStringLiteral("%1 is not installed").arg(program)));
     QVERIFY(m_work.isValid());
-    const QString sources = testsSourceDir() + QStringLiteral("/document/realdocs");
-    const QStringList paper = {QStringLiteral("-dpaper=a4"), QStringLiteral("-P-pa4")};
-
-    // A manual page installed on this machine, else one of our own.
-    QString manualSource = make(QStringLiteral("ls.1"));
-    QString manualLabel = QStringLiteral("groff man page ls(1)");
-    const QString installed = QStringLiteral("/usr/share/man/man1/ls.1.gz");
-    if (QFileInfo::exists(installed)) {
-        QVERIFY2(runTool(QStringLiteral("gzip"), {QStringLiteral("-dc"), installed}, manualSource), qPrintable(m_toolError));
-    } else {
-        manualSource = sources + QStringLiteral("/spoolclean.8");
-        manualLabel = QStringLiteral("groff man page spoolclean(8)");
-    }
-    const QString manual = make(QStringLiteral("manual.ps"));
-    QVERIFY2(runTool(QStringLiteral("groff"), QStringList{QStringLiteral("-man"), QStringLiteral("-Tps")} << paper << manualSource,
-                     manual),
-             qPrintable(m_toolError));
-    QVERIFY2(addDocument(QStringLiteral("manual"), manualLabel, manual), qPrintable(m_toolError));
-
-    // A report with a table and a drawing.
-    const QString report = make(QStringLiteral("report.ps"));
-    QVERIFY2(runTool(QStringLiteral("groff"),
-                     QStringList{QStringLiteral("-t"), QStringLiteral("-p"), QStringLiteral("-ms"), QStringLiteral("-Tps")}
-                         << paper << sources + QStringLiteral("/maintenance-report.ms"),
-                     report),
-             qPrintable(m_toolError));
-    QVERIFY2(addDocument(QStringLiteral("report"), QStringLiteral("groff -ms report"), report), qPrintable(m_toolError));
-
-    // The report as PDF, turned back into PostScript by two converters.
-    const QString reportPdf = make(QStringLiteral("report.pdf"));
-    QVERIFY2(runTool(QStringLiteral("ps2pdf"), {report, reportPdf}), qPrintable(m_toolError));
-    const QString fromPdftops = make(QStringLiteral("report-pdftops.ps"));
-    QVERIFY2(runTool(QStringLiteral("pdftops"), {reportPdf, fromPdftops}), qPrintable(m_toolError));
-    QVERIFY2(addDocument(QStringLiteral("pdftops"), QStringLiteral("report through ps2pdf and pdftops"), fromPdftops),
-             qPrintable(m_toolError));
-    const QString fromCairo = make(QStringLiteral("report-cairo.ps"));
-    QVERIFY2(runTool(QStringLiteral("pdftocairo"), {QStringLiteral("-ps"), reportPdf, fromCairo}), qPrintable(m_toolError));
-    QVERIFY2(addDocument(QStringLiteral("cairo"), QStringLiteral("report through ps2pdf and pdftocairo -ps"), fromCairo),
-             qPrintable(m_toolError));
-
-    // The manual page rewritten by Ghostscript.
-    const QString fromPs2write = make(QStringLiteral("manual-ps2write.ps"));
-    QVERIFY2(runTool(QStringLiteral("gs"),
-                     {QStringLiteral("-q"), QStringLiteral("-dSAFER"), QStringLiteral("-dBATCH"), QStringLiteral("-dNOPAUSE"),
-                      QStringLiteral("-sDEVICE=ps2write"), QStringLiteral("-sOutputFile=") + fromPs2write, manual}),
-             qPrintable(m_toolError));
-    QVERIFY2(addDocument(QStringLiteral("ps2write"), QStringLiteral("man page through gs ps2write"), fromPs2write),
-             qPrintable(m_toolError));
+    const QList<RealDocument> documents = makeRealDocuments(m_work.path(), &m_toolError);
+    QVERIFY2(!documents.isEmpty(), qPrintable(m_toolError));
+    for (const RealDocument& document : documents)
+        QVERIFY2(addDocument(document.key, document.label, document.file), qPrintable(m_toolError));
 }
 
 const MarkedJob& TestRealDocuments::job(const QString& document, bool duplex)

@@ -637,10 +637,11 @@ void TestSafeOutput::pagesEndAtTheDocumentsOwnComments_data()
     addEmbeddedDocumentRows("safe", QStringLiteral("classic"), QStringLiteral("print-safe"));
 }
 
-// Where the pages end, in simplex: every marker block ends in "showpagereal",
-// and the line after it must be the document's own next "%%Page:" line, or
-// its own "%%Trailer" after the last page. Without the key the embedded
-// documents' lines show up there; with it exactly the document's own.
+// Where the pages end, in simplex: every marker block ends in "showpagereal"
+// (print-safe: "QuilletShowPage" and the end of the insertion), and the line
+// after it must be the document's own next "%%Page:" line, or its own
+// "%%Trailer" after the last page. Without the key the embedded documents'
+// lines show up there; with it exactly the document's own.
 void TestSafeOutput::pagesEndAtTheDocumentsOwnComments()
 {
     QFETCH(QString, document);
@@ -665,9 +666,11 @@ void TestSafeOutput::pagesEndAtTheDocumentsOwnComments()
 
     QList<QByteArray> following;
     const QList<QByteArray> lines = splitLines(marked.bytes);
-    for (int i = 0; i + 1 < lines.size(); ++i)
-        if (lines.at(i) == "showpagereal\n")
-            following.append(lines.at(i + 1));
+    const QByteArray shown = safe ? "QuilletShowPage\n" : "showpagereal\n";
+    const int after = safe ? 2 : 1;
+    for (int i = 0; i + after < lines.size(); ++i)
+        if (lines.at(i) == shown && (!safe || lines.at(i + 1) == "%quillet-insertion-end\n"))
+            following.append(lines.at(i + after));
     if (safe)
         QCOMPARE(following, expected);
     else
@@ -853,10 +856,12 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections_data()
 
 // On a document without embedded documents the print-safe output is the
 // classic output plus the marker fonts' underline metrics, the lines that
-// open and close every marker block, the page guard after the prolog line
-// and the line that marks each page for it; taken out,
-// the rest is the classic output byte for byte, so each page is still shown
-// by the same "showpagereal" (simplex) or "showpage" (duplex) line.
+// open and close every marker block, the page guard after the prolog line,
+// the line that marks each page for it, the lines around every insertion,
+// the records of the lines that duplex output renumbers, and the real
+// showpage kept under a name of its own, which shows each page where the
+// classic output has "showpagereal" (simplex) or "showpage" (duplex); taken
+// out, the rest is the classic output byte for byte.
 void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
 {
     QFETCH(QByteArray, markerTemplate);
@@ -872,6 +877,9 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
     int fontInfos = 0;
     int metricProcedures = 0;
     int guards = 0;
+    int insertionLines = 0;
+    int keptShowPages = 0;
+    int records = 0;
     const QByteArray markPage = "userdict /QuilletPageMarked true put\n";
     const QList<QByteArray> lines = splitLines(safe.bytes);
     for (int i = 0; i < lines.size(); ++i) {
@@ -880,10 +888,22 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
             ++blockOpenings;
             continue;
         }
-        if (line == "end restore\n" && lines.value(i + 1) == markPage
-            && lines.value(i + 2) == (duplex ? "showpage\n" : "showpagereal\n")) {
+        if (line == "end restore\n" && lines.value(i + 1) == markPage && lines.value(i + 2) == "QuilletShowPage\n") {
             ++blockClosings;
-            ++i;
+            rest.append(duplex ? "showpage\n" : "showpagereal\n");
+            i += 2;
+            continue;
+        }
+        if (line == "%quillet-insertion-begin\n" || line == "%quillet-insertion-end\n") {
+            ++insertionLines;
+            continue;
+        }
+        if (line == "/QuilletShowPage /showpage load def\n") {
+            ++keptShowPages;
+            continue;
+        }
+        if (line.startsWith("%quillet-replaced: ")) {
+            ++records;
             continue;
         }
         // The guard: its flags, then the EndPage procedure.
@@ -909,6 +929,11 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
     QCOMPARE(blockOpenings, pages);
     QCOMPARE(blockClosings, pages);
     QCOMPARE(guards, 1);
+    // The head, the fonts and every page are insertions; duplex output
+    // renumbers every page after the first.
+    QCOMPARE(insertionLines, 2 * (2 + pages));
+    QCOMPARE(keptShowPages, 1);
+    QVERIFY2(duplex ? records >= pages - 1 : records == 0, qPrintable(QString::number(records)));
     QCOMPARE(metricProcedures, 1);
     // One composite font per style that the template uses.
     QCOMPARE(fontInfos, markerTemplate.contains(":bold:") ? 2 : 1);

@@ -1,0 +1,33 @@
+// What print-safe output adds to a document, marked so that a later run finds
+// it: every insertion stands between a begin and an end line, and every line
+// that the writer replaced is preceded by a record of the original. A run on
+// a document that an earlier run marked this way drops all of it first and
+// marks the original document.
+#pragma once
+
+#include "common/status.h"
+
+#include <string_view>
+
+class LineReader;
+class QIODevice;
+
+namespace Insertions {
+
+// Opens and closes an insertion.
+void begin(QIODevice& output);
+void end(QIODevice& output);
+
+// Records the original of a line that the next line written replaces.
+void recordReplaced(QIODevice& output, std::string_view original);
+
+// Whether a line belongs to what an earlier run added: a begin line or a
+// record of a replaced line.
+bool isMarkOfEarlierRun(std::string_view line);
+
+// Copies the input to the output without the earlier runs' insertions, with
+// every replaced line put back. Fails on an insertion that never ends and on
+// an output that cannot be written; the file name is for the message.
+Status drop(LineReader& input, QIODevice& output, const QString& inputName);
+
+} // namespace Insertions

@@ -1,0 +1,253 @@
+// Marking a document that quillet marked before, on documents made by real
+// tools while the test runs. Print-safe output delimits everything that a
+// run adds, so a later run takes it out and marks the original: marking the
+// marked document gives, byte for byte, the mark of the original with the
+// later run's template and mode. A document marked in classic mode carries
+// no such lines; marked again, every page still prints once, with the new
+// marks.
+#include "support/postscripttools.h"
+#include "support/realdocuments.h"
+#include "support/testsupport.h"
+
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QByteArray Placement = "MarkerTopShift=8\nMarkerBottomShift=8\nMarkerLeftShift=40\nMarkerRightShift=40\n";
+const QByteArray SafeDefinitions = Placement + "MarkerSafeOutput=1\n";
+const QByteArray ClassicDefinitions = Placement + "MarkerSafeOutput=0\n";
+const QByteArray Variables = "job-originating-user-name=alice\ncopies=1\nCURRENT_COPY=1\n";
+
+// Two templates that differ in every string, style and position.
+const QByteArray FirstTemplate = "any:bold:12::top-center:FIRSTMARK\n"
+                                 "any:normal:10::bottom-right:First {CURRENT_PAGE} of {NUM_PAGES}\n";
+const QByteArray SecondTemplate = "any:normal:10::top-left:SECONDMARK {CURRENT_PAGE}/{NUM_PAGES}\n"
+                                  "any:bold:10:underline:bottom-center:Copy {CURRENT_COPY} for "
+                                  "{job-originating-user-name}\n";
+
+struct Mark
+{
+    QByteArray markerTemplate;
+    bool duplex;
+};
+
+QByteArray describe(const RunResult& run)
+{
+    return "exit status " + QByteArray::number(run.exitCode) + ": " + run.standardError.right(2000);
+}
+
+} // namespace
+
+class TestRemarking : public QObject
+{
+    Q_OBJECT
+
+  private slots:
+    void initTestCase();
+    void markedAgainIsMarkOfOriginal_data();
+    void markedAgainIsMarkOfOriginal();
+    void threeRunsInARow_data();
+    void threeRunsInARow();
+    void classicMarkMarkedAgainPrintsEveryPageOnce_data();
+    void classicMarkMarkedAgainPrintsEveryPageOnce();
+    void unendedInsertionIsRefused();
+
+  private:
+    // Marks input (below the fixture root) into output with the given
+    // definitions; the variables are written afresh for every run.
+    RunResult mark(const FixtureTree& tree, const QString& input, const Mark& how, const QString& output,
+                   const QByteArray& definitions = SafeDefinitions) const;
+    // A tree with the catalogue and the document as job/original.ps.
+    void prepare(FixtureTree& tree, const QString& document) const;
+
+    QTemporaryDir m_work;
+    QList<RealDocument> m_documents;
+};
+
+RunResult TestRemarking::mark(const FixtureTree& tree, const QString& input, const Mark& how, const QString& output,
+                              const QByteArray& definitions) const
+{
+    tree.write(QStringLiteral("etc-cups/marker.defs"), definitions);
+    tree.write(QStringLiteral("job/marker.tmpl"), how.markerTemplate);
+    tree.write(QStringLiteral("job/job.vars"), Variables);
+    QStringList arguments = {input, QStringLiteral("marker.tmpl"), QStringLiteral("job.vars"), output};
+    if (how.duplex)
+        arguments << QStringLiteral("--duplex");
+    return tree.runQuillet(arguments);
+}
+
+void TestRemarking::prepare(FixtureTree& tree, const QString& document) const
+{
+    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
+    for (const RealDocument& real : m_documents) {
+        if (real.key == document)
+            tree.copy(real.file, QStringLiteral("job/original.ps"));
+    }
+}
+
+void TestRemarking::initTestCase()
+{
+    for (const char* program : {"groff", "gs", "ps2pdf", "pdftotext", "pdftops", "pdftocairo", "gzip"})
+        QVERIFY2(haveProgram(QLatin1String(program)), qPrintable(QStringLiteral("%1 is not installed").arg(program)));
+    QVERIFY(m_work.isValid());
+    QString error;
+    m_documents = makeRealDocuments(m_work.path(), &error);
+    QVERIFY2(!m_documents.isEmpty(), qPrintable(error));
+}
+
+void TestRemarking::markedAgainIsMarkOfOriginal_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<bool>("firstDuplex");
+    QTest::addColumn<bool>("secondDuplex");
+    for (const RealDocument& document : qAsConst(m_documents)) {
+        for (const bool first : {false, true}) {
+            for (const bool second : {false, true})
+                QTest::addRow("%s, %s then %s", qPrintable(document.label), first ? "duplex" : "simplex",
+                              second ? "duplex" : "simplex")
+                    << document.key << first << second;
+        }
+    }
+}
+
+void TestRemarking::markedAgainIsMarkOfOriginal()
+{
+    QFETCH(QString, document);
+    QFETCH(bool, firstDuplex);
+    QFETCH(bool, secondDuplex);
+    FixtureTree tree;
+    prepare(tree, document);
+
+    const Mark first{FirstTemplate, firstDuplex};
+    const Mark second{SecondTemplate, secondDuplex};
+    RunResult run = mark(tree, QStringLiteral("original.ps"), first, QStringLiteral("once.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    run = mark(tree, QStringLiteral("once.ps"), second, QStringLiteral("twice.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    const QByteArray twiceVariables = tree.read(QStringLiteral("job/job.vars"));
+    run = mark(tree, QStringLiteral("original.ps"), second, QStringLiteral("direct.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    const QByteArray directVariables = tree.read(QStringLiteral("job/job.vars"));
+
+    const QByteArray once = tree.read(QStringLiteral("job/once.ps"));
+    const QByteArray twice = tree.read(QStringLiteral("job/twice.ps"));
+    const QByteArray direct = tree.read(QStringLiteral("job/direct.ps"));
+    QVERIFY(once != direct);
+    QVERIFY2(twice == direct, qPrintable(firstDifference(twice, direct)));
+    // The page counts are the original document's.
+    const QMap<QString, QString> counts = parseKeyValues(twiceVariables);
+    const QMap<QString, QString> directCounts = parseKeyValues(directVariables);
+    for (const char* key : {"NUM_PAGES", "NUM_PAGES_CONTINUOUS"})
+        QCOMPARE(counts.value(QLatin1String(key)), directCounts.value(QLatin1String(key)));
+}
+
+void TestRemarking::threeRunsInARow_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<QList<bool>>("duplex");
+    for (const RealDocument& document : qAsConst(m_documents)) {
+        QTest::addRow("%s, simplex three times", qPrintable(document.label)) << document.key
+                                                                             << QList<bool>{false, false, false};
+        QTest::addRow("%s, duplex, simplex, duplex", qPrintable(document.label))
+            << document.key << QList<bool>{true, false, true};
+        QTest::addRow("%s, simplex, duplex, simplex", qPrintable(document.label))
+            << document.key << QList<bool>{false, true, false};
+    }
+}
+
+void TestRemarking::threeRunsInARow()
+{
+    QFETCH(QString, document);
+    QFETCH(QList<bool>, duplex);
+    FixtureTree tree;
+    prepare(tree, document);
+
+    // The templates take turns; each run marks the one before's output.
+    QString input = QStringLiteral("original.ps");
+    for (int i = 0; i < duplex.size(); ++i) {
+        const QString output = QStringLiteral("run%1.ps").arg(i + 1);
+        const RunResult run = mark(tree, input, {i % 2 ? SecondTemplate : FirstTemplate, duplex.at(i)}, output);
+        QVERIFY2(run.exitCode == 0, describe(run).constData());
+        input = output;
+    }
+    const Mark last{duplex.size() % 2 ? FirstTemplate : SecondTemplate, duplex.last()};
+    const RunResult run = mark(tree, QStringLiteral("original.ps"), last, QStringLiteral("direct.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    const QByteArray remarked = tree.read(QStringLiteral("job/") + input);
+    const QByteArray direct = tree.read(QStringLiteral("job/direct.ps"));
+    QVERIFY2(remarked == direct, qPrintable(firstDifference(remarked, direct)));
+}
+
+void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<bool>("duplex");
+    for (const RealDocument& document : qAsConst(m_documents)) {
+        QTest::addRow("%s, classic simplex, then print-safe simplex", qPrintable(document.label))
+            << document.key << false;
+        QTest::addRow("%s, classic simplex, then print-safe duplex", qPrintable(document.label))
+            << document.key << true;
+    }
+}
+
+// Ghostscript shows every page of the document once (and in duplex its back
+// page), each with the first run's marks and the second run's on top.
+void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce()
+{
+    QFETCH(QString, document);
+    QFETCH(bool, duplex);
+    FixtureTree tree;
+    prepare(tree, document);
+    const QString original = tree.path(QStringLiteral("job/original.ps"));
+    const QString originalPdf = tree.path(QStringLiteral("job/original.pdf"));
+    QString error;
+    QVERIFY2(convertToPdf(original, originalPdf, &error), qPrintable(error));
+    const int pages = pdfPageCount(originalPdf);
+    QVERIFY(pages >= 2);
+
+    RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("classic.ps"),
+                         ClassicDefinitions);
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    run = mark(tree, QStringLiteral("classic.ps"), {SecondTemplate, duplex}, QStringLiteral("again.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    QCOMPARE(parseKeyValues(tree.read(QStringLiteral("job/job.vars"))).value(QStringLiteral("NUM_PAGES")),
+             QString::number(pages));
+
+    const QString again = tree.path(QStringLiteral("job/again.ps"));
+    const QString errors = ghostscriptErrors(again);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    const QString againPdf = tree.path(QStringLiteral("job/again.pdf"));
+    QVERIFY2(convertToPdf(again, againPdf, &error), qPrintable(error));
+    const QStringList texts = pdfPageTexts(againPdf);
+    QCOMPARE(texts.size(), duplex ? 2 * pages : pages);
+    for (int page = 1; page <= pages; ++page) {
+        const QString front = texts.at(duplex ? 2 * page - 2 : page - 1);
+        const QString second = QStringLiteral("SECONDMARK %1/%2").arg(page).arg(pages);
+        QVERIFY2(front.contains(QStringLiteral("First %1 of %2").arg(page).arg(pages)), qPrintable(front));
+        QVERIFY2(front.contains(QStringLiteral("FIRSTMARK")), qPrintable(front));
+        const QString withNewMarks = duplex ? texts.at(2 * page - 1) : front;
+        QVERIFY2(withNewMarks.contains(second), qPrintable(withNewMarks));
+    }
+}
+
+// An insertion that never ends would swallow the rest of the document: the
+// job is refused and nothing is written.
+void TestRemarking::unendedInsertionIsRefused()
+{
+    FixtureTree tree;
+    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
+    tree.write(QStringLiteral("job/original.ps"),
+               "%!PS-Adobe-3.0\n%%Pages: 2\n%%EndComments\n%%BeginProlog\n%%EndProlog\n"
+               "%%Page: 1 1\nshowpage\n%%PageTrailer\n%quillet-insertion-begin\n"
+               "%%Page: 2 2\nshowpage\n%%PageTrailer\n%%Trailer\n%%EOF\n");
+    const RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("out.ps"));
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.standardError.contains("Input file original.ps holds an earlier mark without its end"),
+             run.standardError.constData());
+    QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("job/out.ps"))));
+}
+
+QTEST_GUILESS_MAIN(TestRemarking)
+#include "tst_remarking.moc"
