@@ -163,6 +163,8 @@ class JobRun
     WorkFolder m_folder;
     QString m_label;
     qint64 m_pages = 0;
+    // Whether quillet added the accounting stamp's page to every copy.
+    bool m_stampPage = false;
     qint64 m_sent = 0;
 };
 
@@ -387,6 +389,13 @@ bool JobRun::markCopy(int copy, QString* error)
     if (copy == 1) {
         m_pages = pages;
         m_label = securityLabel(values);
+        // The variables quillet used tell whether it stamped the copy; in
+        // simplex the stamp is a page of its own.
+        Variables& store = Variables::instance();
+        store.clear();
+        for (const auto& pair : values)
+            store.insert(pair.first, pair.second);
+        m_stampPage = store.accountingStamp() && !m_settings.duplexBackPages;
     }
     return true;
 }
@@ -538,7 +547,7 @@ int JobRun::execute()
         open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
     if (stream < 0)
         return refuse(QStringLiteral("cannot read the marked stream"));
-    const qint64 pagesPerCopy = m_settings.duplexBackPages ? 2 * m_pages : m_pages;
+    const qint64 pagesPerCopy = m_settings.duplexBackPages ? 2 * m_pages : m_pages + (m_stampPage ? 1 : 0);
     const ChildResult result = runChild(realBackendCommand(realBackend, stream));
     close(stream);
     if (result.cancelled)

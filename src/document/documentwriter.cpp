@@ -22,6 +22,8 @@
 
 #include <sys/stat.h>
 
+#include <limits>
+
 namespace {
 
 // - -  Keeps the real showpage and disables the document's own (simplex).
@@ -65,6 +67,7 @@ const char KeptBackPageEnd[] = "QuilletShowPage\n%%PageTrailer\n";
 
 const char PageComment[] = "%%Page:";
 const char PagesComment[] = "%%Pages:";
+const char AtEnd[] = "(atend)";
 const char PageBoundingBox[] = "%%PageBoundingBox:";
 
 QString quilletText(const char* text)
@@ -148,6 +151,34 @@ void copyPageLines(LineReader& input, TargetFile& output, qint64 count, QByteArr
     }
 }
 
+QByteArray pagesLine(qint64 pageCount)
+{
+    return QString::fromLatin1("%1 %2\n").arg(QLatin1String(PagesComment)).arg(pageCount).toLatin1();
+}
+
+// Copies count lines of the head. With a page count of 0 or more, a
+// "%%Pages:" line that gives a number is rewritten with it, after a record of
+// the original.
+void copyHead(LineReader& input, TargetFile& output, qint64 count, qint64 pageCount)
+{
+    if (pageCount < 0) {
+        copyRuns(input, output, count);
+        return;
+    }
+    const QByteArray pages = pagesLine(pageCount);
+    for (qint64 i = 0; i < count; ++i) {
+        const std::string_view line = input.readLine();
+        if (line.empty())
+            return;
+        if (startsWith(line, PagesComment) && line.find(AtEnd) == std::string_view::npos) {
+            Insertions::recordReplaced(output.device(), line);
+            write(output, std::string_view(pages.constData(), size_t(pages.size())));
+        } else {
+            write(output, line);
+        }
+    }
+}
+
 } // namespace
 
 void copyLines(LineReader& input, TargetFile& output, qint64 count)
@@ -157,13 +188,13 @@ void copyLines(LineReader& input, TargetFile& output, qint64 count)
 
 void copyRest(LineReader& input, TargetFile& output, qint64 pageCount, bool recordReplaced)
 {
-    const QByteArray pages = QString::fromLatin1("%1 %2\n").arg(QLatin1String(PagesComment)).arg(pageCount).toLatin1();
-    const std::string_view pagesLine(pages.constData(), size_t(pages.size()));
+    const QByteArray pages = pagesLine(pageCount);
+    const std::string_view newLine(pages.constData(), size_t(pages.size()));
     for (std::string_view line = input.readLine(); !line.empty(); line = input.readLine()) {
         const bool replaced = pageCount >= 0 && startsWith(line, PagesComment);
         if (replaced && recordReplaced)
             Insertions::recordReplaced(output.device(), line);
-        write(output, replaced ? pagesLine : line);
+        write(output, replaced ? newLine : line);
     }
 }
 
@@ -266,7 +297,13 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
 
     // The head: up to the prolog, the showpage redefinition and page size,
     // the rest of the head, the marker fonts, then the first "%%Page:" line.
-    copyLines(reader, outputTarget, model.prologLine + 1);
+    // The accounting stamp ends every copy: in simplex on a page of its own,
+    // which the head's and the trailer's page counts include; in duplex on
+    // the last back page.
+    const bool stamp = variables.accountingStamp();
+    const qint64 outputPages = stamp && !duplex ? pageCount + 1 : -1;
+    const int stampCount = int(qBound(qint64(0), copies, qint64(std::numeric_limits<int>::max())));
+    copyHead(reader, outputTarget, model.prologLine + 1, outputPages);
     qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
     if (!copyNumbersFit(currentCopy, pageCount)) {
         qWarning("Value of '%s' is out of range; it counts as 0", "CURRENT_COPY");
@@ -292,7 +329,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     }
     if (safeOutput)
         Insertions::end(out);
-    copyLines(reader, outputTarget, model.firstPageLine - model.prologLine);
+    copyHead(reader, outputTarget, model.firstPageLine - model.prologLine, outputPages);
     if (safeOutput)
         Insertions::begin(out);
     Fonts::instance().writeFontResources(out);
@@ -333,6 +370,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             out.write(boundingBox);
             out.write(PageSetup);
             marker.drawMarker(out, int(page), page == pageCount);
+            if (stamp && page == pageCount)
+                marker.drawFonarik(out, stampCount);
             if (safeOutput) {
                 out.write(MarkPage);
                 out.write(KeptBackPageEnd);
@@ -352,7 +391,16 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         outputTarget.spill();
         previousEnd = pageEnd;
     }
-    copyRest(reader, outputTarget, duplex ? 2 * pageCount : -1, safeOutput);
+    if (stamp && !duplex) {
+        Insertions::begin(out);
+        out.write(pageLabel(pageCount + 1));
+        out.write(PageSetup);
+        marker.drawFonarik(out, stampCount);
+        out.write(MarkPage);
+        out.write(KeptBackPageEnd);
+        Insertions::end(out);
+    }
+    copyRest(reader, outputTarget, duplex ? 2 * pageCount : outputPages, safeOutput);
     in.close();
 
     // Every byte is out before anything replaces the originals.

@@ -65,3 +65,8 @@ bool Variables::safeOutput() const
 {
     return value(QStringLiteral("MarkerSafeOutput")) == QLatin1String("1");
 }
+
+bool Variables::accountingStamp() const
+{
+    return safeOutput() && value(QStringLiteral("MarkerAccountingStamp")) == QLatin1String("1");
+}

@@ -40,6 +40,10 @@ public:
     // holds "1". Without it the output is exactly the classic one.
     bool safeOutput() const;
 
+    // Whether each copy ends with the accounting stamp: the key
+    // "MarkerAccountingStamp" holds "1", with print-safe output on.
+    bool accountingStamp() const;
+
 private:
     Variables() = default;
 

@@ -30,6 +30,15 @@ const char QueueTemplate[] = "any:bold:12::label:top-center:{LABEL_NAME}\n"
 const char QueueVariables[] = "LABEL_NAME=Kestrel Restricted\n"
                               "MarkerJobOptions=project,job-originating-user-name,copies,LABEL_NAME_FULL\n";
 
+// The queue with the accounting stamp: its strings for a few copies and for
+// many, and the key that turns it on.
+const char StampLines[] =
+    "fonarik:bold:12::label:top-center:{LABEL_NAME}\n"
+    "fonarik:normal:9::stamp:top-left:Accounting {copies} copies, copy {CURRENT_COPY}, User {job-originating-user-name}\n"
+    "fonarik:normal:9::pages:bottom-right:Page count {NUM_PAGES}\n"
+    "fonarik_gt_5:normal:9::stamp:top-left:Many copies\n";
+const char StampSetting[] = "MarkerAccountingStamp=1\n";
+
 // The queue with page codes adds the code and a probe: a site program that
 // runs as the marking account and tells whether that account can read the
 // site key (its first argument), and what kind of key file the variables
@@ -60,8 +69,10 @@ struct PrintedJob {
     int copies = 1;
     // Sheets per document page: 2 with back pages.
     int sides = 1;
+    // Pages the accounting stamp adds to every copy.
+    int stampPages = 0;
 
-    int impressions() const { return pages * copies * sides; }
+    int impressions() const { return (pages * sides + stampPages) * copies; }
 };
 
 // What reached a printer in one connection, read back.
@@ -106,6 +117,7 @@ class TestPrintQueue : public QObject
     void auditLineForEveryJob_data();
     void auditLineForEveryJob();
     void noCapturedPageIsUnmarked();
+    void accountingStampEndsEveryCopy();
     void pageCodesTraceEveryPageAndCopy();
     void markingRunNeverHoldsTheSiteKey();
 
@@ -181,6 +193,8 @@ void TestPrintQueue::initTestCase()
     m_server.writeConfig(QStringLiteral("quillet/marked.vars"), QueueVariables);
     m_server.writeConfig(QStringLiteral("quillet/bare.vars"), QueueVariables);
     m_server.writeConfig(QStringLiteral("quillet/duplex.tmpl"), QueueTemplate);
+    m_server.writeConfig(QStringLiteral("quillet/stamped.tmpl"), QByteArray(QueueTemplate) + StampLines);
+    m_server.writeConfig(QStringLiteral("quillet/stamped.vars"), QByteArray(QueueVariables) + StampSetting);
     m_server.writeConfig(QStringLiteral("quillet/duplex.vars"),
                          QByteArray(QueueVariables) + "MarkerDuplexBackPages=1\n");
 
@@ -208,6 +222,8 @@ void TestPrintQueue::initTestCase()
              QStringLiteral("quillet:") + printer(QStringLiteral("marked")).socketUri());
     addQueue(QStringLiteral("duplex"),
              QStringLiteral("quillet:") + printer(QStringLiteral("duplex")).socketUri());
+    addQueue(QStringLiteral("stamped"),
+             QStringLiteral("quillet:") + printer(QStringLiteral("stamped")).socketUri());
     addQueue(QStringLiteral("bare"),
              QStringLiteral("quillet:") + printer(QStringLiteral("bare")).socketUri());
     addQueue(QStringLiteral("wrapped"),
@@ -253,6 +269,8 @@ void TestPrintQueue::initTestCase()
            {QStringLiteral("collate=true")});
     submit(QStringLiteral("no template"), QStringLiteral("bare"), postscript, 0, 1);
     submit(QStringLiteral("duplex"), QStringLiteral("duplex"), postscript, 3, 2, {}, 2);
+    submit(QStringLiteral("stamped"), QStringLiteral("stamped"), postscript, 3, 3);
+    m_jobs[QStringLiteral("stamped")].stampPages = 1;
     submit(QStringLiteral("wrapped URI"), QStringLiteral("wrapped"), postscript, 0, 1);
     submit(QStringLiteral("unknown scheme"), QStringLiteral("unknown"), postscript, 0, 1);
     QList<int> ids;
@@ -496,7 +514,7 @@ void TestPrintQueue::nextJobPrintsAfterRefusal()
 void TestPrintQueue::pageLogCountsPagesTimesCopies_data()
 {
     QTest::addColumn<QString>("job");
-    for (const char* job : {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "coded",
+    for (const char* job : {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "coded", "stamped",
                             "raw binary", "no template", "missing site key"})
         QTest::newRow(job) << QString::fromLatin1(job);
 }
@@ -592,6 +610,36 @@ void TestPrintQueue::noCapturedPageIsUnmarked()
     for (const PrintedJob& job : qAsConst(m_jobs))
         expected += job.impressions();
     QCOMPARE(pages, expected);
+}
+
+// A queue whose definitions turn the stamp on ends every copy with a page of
+// it: the copy count, the copy and the user, under the label.
+void TestPrintQueue::accountingStampEndsEveryCopy()
+{
+    const PrintedJob printed = m_jobs.value(QStringLiteral("stamped"));
+    QCOMPARE(m_server.jobState(printed.id), JobCompleted);
+    const Capture* capture = captureOf(QStringLiteral("stamped"));
+    QVERIFY2(capture, "nothing from the stamped job reached the printer");
+    QCOMPARE(capture->pageTexts.size(), printed.impressions());
+    const int perCopy = printed.pages + 1;
+    for (int sheet = 0; sheet < capture->pageTexts.size(); ++sheet) {
+        const QString text = capture->pageTexts.at(sheet).simplified();
+        const int copy = sheet / perCopy + 1;
+        const int page = sheet % perCopy + 1;
+        const QString stamp = QStringLiteral("Accounting %1 copies, copy %2, User %3")
+                                  .arg(printed.copies)
+                                  .arg(copy)
+                                  .arg(QLatin1String(PrintingUser));
+        if (page == perCopy) {
+            QVERIFY2(text.contains(stamp), qPrintable(text));
+            QVERIFY2(text.contains(QStringLiteral("Page count %1").arg(printed.pages)), qPrintable(text));
+            QVERIFY2(!text.contains(QStringLiteral("Many copies")), qPrintable(text));
+        } else {
+            QVERIFY2(text.contains(QStringLiteral("Page %1 of %2").arg(page).arg(printed.pages)), qPrintable(text));
+            QVERIFY2(!text.contains(QStringLiteral("Accounting ")), qPrintable(text));
+        }
+    }
+    QCOMPARE(ghostscriptErrors(capture->file), QString());
 }
 
 // Every page and copy of the queue with codes carries its own code, and the

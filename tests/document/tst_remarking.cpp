@@ -18,6 +18,7 @@ namespace {
 const QByteArray Placement = "MarkerTopShift=8\nMarkerBottomShift=8\nMarkerLeftShift=40\nMarkerRightShift=40\n";
 const QByteArray SafeDefinitions = Placement + "MarkerSafeOutput=1\n";
 const QByteArray ClassicDefinitions = Placement + "MarkerSafeOutput=0\n";
+const QByteArray StampDefinitions = SafeDefinitions + "MarkerAccountingStamp=1\n";
 const QByteArray Variables = "job-originating-user-name=alice\ncopies=1\nCURRENT_COPY=1\n";
 
 // Two templates that differ in every string, style and position.
@@ -26,6 +27,9 @@ const QByteArray FirstTemplate = "any:bold:12::top-center:FIRSTMARK\n"
 const QByteArray SecondTemplate = "any:normal:10::top-left:SECONDMARK {CURRENT_PAGE}/{NUM_PAGES}\n"
                                   "any:bold:10:underline:bottom-center:Copy {CURRENT_COPY} for "
                                   "{job-originating-user-name}\n";
+
+// The first template with an accounting stamp.
+const QByteArray StampTemplate = FirstTemplate + "fonarik:normal:10::bottom-left:STAMP {copies} for {job-originating-user-name}\n";
 
 struct Mark
 {
@@ -48,6 +52,8 @@ class TestRemarking : public QObject
     void initTestCase();
     void markedAgainIsMarkOfOriginal_data();
     void markedAgainIsMarkOfOriginal();
+    void stampedMarkedAgainIsMarkOfOriginal_data();
+    void stampedMarkedAgainIsMarkOfOriginal();
     void threeRunsInARow_data();
     void threeRunsInARow();
     void classicMarkMarkedAgainPrintsEveryPageOnce_data();
@@ -141,6 +147,48 @@ void TestRemarking::markedAgainIsMarkOfOriginal()
     const QMap<QString, QString> directCounts = parseKeyValues(directVariables);
     for (const char* key : {"NUM_PAGES", "NUM_PAGES_CONTINUOUS"})
         QCOMPARE(counts.value(QLatin1String(key)), directCounts.value(QLatin1String(key)));
+}
+
+void TestRemarking::stampedMarkedAgainIsMarkOfOriginal_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<bool>("firstDuplex");
+    QTest::addColumn<bool>("secondStamp");
+    for (const RealDocument& document : qAsConst(m_documents)) {
+        for (const bool duplex : {false, true}) {
+            for (const bool stamp : {false, true})
+                QTest::addRow("%s, stamped in %s, then %s", qPrintable(document.label), duplex ? "duplex" : "simplex",
+                              stamp ? "stamped again" : "without the stamp")
+                    << document.key << duplex << stamp;
+        }
+    }
+}
+
+// The stamp's page or its block on the last back page is an insertion like
+// the others.
+void TestRemarking::stampedMarkedAgainIsMarkOfOriginal()
+{
+    QFETCH(QString, document);
+    QFETCH(bool, firstDuplex);
+    QFETCH(bool, secondStamp);
+    FixtureTree tree;
+    prepare(tree, document);
+
+    const QByteArray secondDefinitions = secondStamp ? StampDefinitions : SafeDefinitions;
+    const Mark second{secondStamp ? StampTemplate : SecondTemplate, false};
+    RunResult run = mark(tree, QStringLiteral("original.ps"), {StampTemplate, firstDuplex}, QStringLiteral("once.ps"),
+                         StampDefinitions);
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    // A marker block on every page, and the stamp's.
+    const int pages = parseKeyValues(tree.read(QStringLiteral("job/job.vars"))).value(QStringLiteral("NUM_PAGES")).toInt();
+    QCOMPARE(tree.read(QStringLiteral("job/once.ps")).count("% Common variables:\n"), pages + 1);
+    run = mark(tree, QStringLiteral("once.ps"), second, QStringLiteral("twice.ps"), secondDefinitions);
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    run = mark(tree, QStringLiteral("original.ps"), second, QStringLiteral("direct.ps"), secondDefinitions);
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    const QByteArray twice = tree.read(QStringLiteral("job/twice.ps"));
+    const QByteArray direct = tree.read(QStringLiteral("job/direct.ps"));
+    QVERIFY2(twice == direct, qPrintable(firstDifference(twice, direct)));
 }
 
 void TestRemarking::threeRunsInARow_data()
