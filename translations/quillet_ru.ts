@@ -86,6 +86,18 @@
         <source>Can not write output file %1</source>
         <translation>Не удаётся записать выходной файл %1</translation>
     </message>
+    <message>
+        <source>Can not create a temporary file for input file %1</source>
+        <translation>Не удаётся создать временный файл для входного файла %1</translation>
+    </message>
+    <message>
+        <source>Can not write the copy of input file %1 without its earlier marks</source>
+        <translation>Не удаётся записать копию входного файла %1 без его прежней маркировки</translation>
+    </message>
+    <message>
+        <source>Input file %1 holds an earlier mark without its end</source>
+        <translation>Входной файл %1 содержит прежнюю маркировку без её конца</translation>
+    </message>
 </context>
 <context>
     <name>main</name>
