@@ -149,13 +149,14 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
     qint64 lastTrailer = -1;
     qint64 lastEndOfFile = -1;
     bool classicMarks = false;
+    Insertions::ClassicBackPageWatch classicBackPages;
     QList<qint64> classicShowPages;
 
     qint64 counter = 0;
     while (!input.atEnd()) {
         const std::string_view line = input.readLine();
         if (safeOutput) {
-            if (!model.earlierMarks && Insertions::isMarkOfEarlierRun(line))
+            if (classicBackPages.see(line) || Insertions::isMarkOfEarlierRun(line))
                 model.earlierMarks = true;
             if (line == ClassicRedefinition)
                 classicMarks = true;

@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QIODevice>
+#include <QList>
 #include <QString>
 
 namespace {
@@ -16,6 +17,66 @@ const char BeginLine[] = "%quillet-insertion-begin\n";
 const char EndLine[] = "%quillet-insertion-end\n";
 const char ReplacedLine[] = "%quillet-replaced: ";
 const char ReplacedLastLine[] = "%quillet-replaced-unended: ";
+
+// A back page that a classic duplex run inserted: its page label, the
+// bounding box of the document page before it when that had one, an empty
+// page setup, then a marker block, shown by "showpage" and closed by the
+// page trailer.
+const char PageComment[] = "%%Page:";
+const char PageBoundingBox[] = "%%PageBoundingBox:";
+const char PageSetupBegin[] = "%%BeginPageSetup\n";
+const char PageSetupEnd[] = "%%EndPageSetup\n";
+const char BlockStart[] = "% Common variables:\n";
+const char ShowPage[] = "showpage\n";
+const char PageTrailer[] = "%%PageTrailer\n";
+
+// The lines that begin a classic back page, without the bounding box.
+QList<QByteArray> withoutBoundingBox(const QList<QByteArray>& head)
+{
+    QList<QByteArray> lines = head;
+    if (lines.size() > 1 && lines.at(1).startsWith(PageBoundingBox))
+        lines.removeAt(1);
+    return lines;
+}
+
+// Whether the lines read so far may still be the head of a classic back page.
+bool couldOpenClassicBackPage(const QList<QByteArray>& head)
+{
+    const QList<QByteArray> lines = withoutBoundingBox(head);
+    const QByteArray expected[] = {PageSetupBegin, PageSetupEnd, BlockStart};
+    for (int i = 1; i < lines.size() && i <= 3; ++i) {
+        if (lines.at(i) != expected[i - 1])
+            return false;
+    }
+    return lines.size() <= 4;
+}
+
+bool opensClassicBackPage(const QList<QByteArray>& head)
+{
+    const QList<QByteArray> lines = withoutBoundingBox(head);
+    return lines.size() == 4 && couldOpenClassicBackPage(head);
+}
+
+// Lines of the input as copies, with lines read ahead put back in front.
+class LookAhead
+{
+  public:
+    explicit LookAhead(LineReader& input) : m_input(input) {}
+
+    QByteArray next()
+    {
+        if (!m_ahead.isEmpty())
+            return m_ahead.takeFirst();
+        const std::string_view line = m_input.readLine();
+        return QByteArray(line.data(), int(line.size()));
+    }
+
+    void putBack(const QList<QByteArray>& lines) { m_ahead = lines + m_ahead; }
+
+  private:
+    LineReader& m_input;
+    QList<QByteArray> m_ahead;
+};
 
 bool writeAll(QIODevice& output, std::string_view bytes)
 {
@@ -63,33 +124,62 @@ bool isMarkOfEarlierRun(std::string_view line)
     return line == BeginLine || startsWith(line, ReplacedLine) || startsWith(line, ReplacedLastLine);
 }
 
+bool ClassicBackPageWatch::see(std::string_view line)
+{
+    const bool opens = m_afterSetup && line == BlockStart;
+    m_afterSetup = line == PageSetupEnd;
+    return opens;
+}
+
 Status drop(LineReader& input, QIODevice& output, const QString& inputName)
 {
     const Status writeFailure = Status::failure(
         QCoreApplication::translate("Quillet", "Can not write the copy of input file %1 without its earlier marks")
             .arg(inputName));
-    bool inside = false;
-    for (std::string_view line = input.readLine(); !line.empty(); line = input.readLine()) {
-        if (inside) {
-            inside = line != EndLine;
-            continue;
-        }
+    const Status unended = Status::failure(
+        QCoreApplication::translate("Quillet", "Input file %1 holds an earlier mark without its end").arg(inputName));
+    LookAhead lines(input);
+    for (QByteArray line = lines.next(); !line.isEmpty(); line = lines.next()) {
         if (line == BeginLine) {
-            inside = true;
+            // Everything up to the end line goes.
+            do
+                line = lines.next();
+            while (!line.isEmpty() && line != EndLine);
+            if (line.isEmpty())
+                return unended;
             continue;
         }
-        const std::string_view original = recordedOriginal(line);
+        if (line.startsWith(PageComment)) {
+            QList<QByteArray> head{line};
+            while (!opensClassicBackPage(head) && couldOpenClassicBackPage(head)) {
+                const QByteArray more = lines.next();
+                if (more.isEmpty())
+                    break;
+                head.append(more);
+            }
+            if (opensClassicBackPage(head)) {
+                // The back page goes, up to its "showpage" and page trailer.
+                QByteArray previous;
+                for (line = lines.next(); !line.isEmpty() && !(previous == ShowPage && line == PageTrailer);
+                     line = lines.next())
+                    previous = line;
+                if (line.isEmpty())
+                    return unended;
+                continue;
+            }
+            lines.putBack(head.mid(1));
+        }
+        const std::string_view original = recordedOriginal(std::string_view(line.constData(), size_t(line.size())));
         if (!original.empty()) {
             // The record stands for the line after it.
-            input.readLine();
-            line = original;
+            lines.next();
+            if (!writeAll(output, original))
+                return writeFailure;
+            continue;
         }
-        if (!writeAll(output, line))
+        if (!writeAll(output, std::string_view(line.constData(), size_t(line.size()))))
             return writeFailure;
     }
-    if (inside)
-        return Status::failure(
-            QCoreApplication::translate("Quillet", "Input file %1 holds an earlier mark without its end").arg(inputName));
     return Status();
 }
 

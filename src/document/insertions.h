@@ -25,9 +25,21 @@ void recordReplaced(QIODevice& output, std::string_view original);
 // record of a replaced line.
 bool isMarkOfEarlierRun(std::string_view line);
 
+// Follows a document line by line and tells where a back page that a
+// classic duplex run inserted opens its marker block.
+class ClassicBackPageWatch
+{
+  public:
+    bool see(std::string_view line);
+
+  private:
+    bool m_afterSetup = false;
+};
+
 // Copies the input to the output without the earlier runs' insertions, with
-// every replaced line put back. Fails on an insertion that never ends and on
-// an output that cannot be written; the file name is for the message.
+// every replaced line put back, and without the back pages of classic duplex
+// runs. Fails on an insertion or back page that never ends and on an output
+// that cannot be written; the file name is for the message.
 Status drop(LineReader& input, QIODevice& output, const QString& inputName);
 
 } // namespace Insertions

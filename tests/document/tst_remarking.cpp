@@ -4,7 +4,8 @@
 // marked document gives, byte for byte, the mark of the original with the
 // later run's template and mode. A document marked in classic mode carries
 // no such lines; marked again, every page still prints once, with the new
-// marks.
+// marks (on top of the earlier ones; a classic duplex run's back pages are
+// taken out).
 #include "support/postscripttools.h"
 #include "support/realdocuments.h"
 #include "support/testsupport.h"
@@ -58,6 +59,7 @@ class TestRemarking : public QObject
     void threeRunsInARow();
     void classicMarkMarkedAgainPrintsEveryPageOnce_data();
     void classicMarkMarkedAgainPrintsEveryPageOnce();
+    void unendedInsertionIsRefused_data();
     void unendedInsertionIsRefused();
 
   private:
@@ -231,20 +233,25 @@ void TestRemarking::threeRunsInARow()
 void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce_data()
 {
     QTest::addColumn<QString>("document");
+    QTest::addColumn<bool>("firstDuplex");
     QTest::addColumn<bool>("duplex");
     for (const RealDocument& document : qAsConst(m_documents)) {
-        QTest::addRow("%s, classic simplex, then print-safe simplex", qPrintable(document.label))
-            << document.key << false;
-        QTest::addRow("%s, classic simplex, then print-safe duplex", qPrintable(document.label))
-            << document.key << true;
+        for (const bool first : {false, true}) {
+            for (const bool second : {false, true})
+                QTest::addRow("%s, classic %s, then print-safe %s", qPrintable(document.label),
+                              first ? "duplex" : "simplex", second ? "duplex" : "simplex")
+                    << document.key << first << second;
+        }
     }
 }
 
 // Ghostscript shows every page of the document once (and in duplex its back
-// page), each with the first run's marks and the second run's on top.
+// page), each with the second run's marks; after a classic simplex run on top
+// of its marks, after a classic duplex run without its back pages.
 void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce()
 {
     QFETCH(QString, document);
+    QFETCH(bool, firstDuplex);
     QFETCH(bool, duplex);
     FixtureTree tree;
     prepare(tree, document);
@@ -255,8 +262,8 @@ void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce()
     const int pages = pdfPageCount(originalPdf);
     QVERIFY(pages >= 2);
 
-    RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("classic.ps"),
-                         ClassicDefinitions);
+    RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, firstDuplex},
+                         QStringLiteral("classic.ps"), ClassicDefinitions);
     QVERIFY2(run.exitCode == 0, describe(run).constData());
     run = mark(tree, QStringLiteral("classic.ps"), {SecondTemplate, duplex}, QStringLiteral("again.ps"));
     QVERIFY2(run.exitCode == 0, describe(run).constData());
@@ -273,24 +280,36 @@ void TestRemarking::classicMarkMarkedAgainPrintsEveryPageOnce()
     for (int page = 1; page <= pages; ++page) {
         const QString front = texts.at(duplex ? 2 * page - 2 : page - 1);
         const QString second = QStringLiteral("SECONDMARK %1/%2").arg(page).arg(pages);
-        QVERIFY2(front.contains(QStringLiteral("First %1 of %2").arg(page).arg(pages)), qPrintable(front));
-        QVERIFY2(front.contains(QStringLiteral("FIRSTMARK")), qPrintable(front));
+        QVERIFY2(front.contains(QStringLiteral("First %1 of %2").arg(page).arg(pages)) == !firstDuplex,
+                 qPrintable(front));
+        QVERIFY2(front.contains(QStringLiteral("FIRSTMARK")) == !firstDuplex, qPrintable(front));
         const QString withNewMarks = duplex ? texts.at(2 * page - 1) : front;
         QVERIFY2(withNewMarks.contains(second), qPrintable(withNewMarks));
+        QVERIFY2(!withNewMarks.contains(QStringLiteral("FIRSTMARK")) || !duplex, qPrintable(withNewMarks));
     }
 }
 
-// An insertion that never ends would swallow the rest of the document: the
-// job is refused and nothing is written.
+void TestRemarking::unendedInsertionIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("mark");
+    QTest::newRow("an insertion without its end line") << QByteArray("%quillet-insertion-begin\n");
+    QTest::newRow("a classic back page without its showpage and trailer")
+        << QByteArray("%%Page: 2 2\n%%BeginPageSetup\n%%EndPageSetup\n% Common variables:\n");
+}
+
+// An earlier mark that never ends would swallow the rest of the document:
+// the job is refused and nothing is written.
 void TestRemarking::unendedInsertionIsRefused()
 {
+    QFETCH(QByteArray, mark);
     FixtureTree tree;
     tree.copy(catalogueDir(), QStringLiteral("share-cups"));
     tree.write(QStringLiteral("job/original.ps"),
                "%!PS-Adobe-3.0\n%%Pages: 2\n%%EndComments\n%%BeginProlog\n%%EndProlog\n"
-               "%%Page: 1 1\nshowpage\n%%PageTrailer\n%quillet-insertion-begin\n"
-               "%%Page: 2 2\nshowpage\n%%PageTrailer\n%%Trailer\n%%EOF\n");
-    const RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("out.ps"));
+               "%%Page: 1 1\nshowpage\n%%PageTrailer\n" + mark +
+                   "%%Page: 2 2\nshowpage\n%%Trailer\n%%EOF\n");
+    const RunResult run =
+        this->mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("out.ps"));
     QCOMPARE(run.exitCode, 1);
     QVERIFY2(run.standardError.contains("Input file original.ps holds an earlier mark without its end"),
              run.standardError.constData());
