@@ -57,18 +57,24 @@ bool opensClassicBackPage(const QList<QByteArray>& head)
     return lines.size() == 4 && couldOpenClassicBackPage(head);
 }
 
-// Lines of the input as copies, with lines read ahead put back in front.
+QByteArray copyOf(std::string_view line)
+{
+    return QByteArray(line.data(), int(line.size()));
+}
+
+// The input's lines, with lines read ahead put back in front. A line is a
+// view that stays valid until the next call.
 class LookAhead
 {
   public:
     explicit LookAhead(LineReader& input) : m_input(input) {}
 
-    QByteArray next()
+    std::string_view next()
     {
-        if (!m_ahead.isEmpty())
-            return m_ahead.takeFirst();
-        const std::string_view line = m_input.readLine();
-        return QByteArray(line.data(), int(line.size()));
+        if (m_ahead.isEmpty())
+            return m_input.readLine();
+        m_current = m_ahead.takeFirst();
+        return std::string_view(m_current.constData(), size_t(m_current.size()));
     }
 
     void putBack(const QList<QByteArray>& lines) { m_ahead = lines + m_ahead; }
@@ -76,6 +82,7 @@ class LookAhead
   private:
     LineReader& m_input;
     QList<QByteArray> m_ahead;
+    QByteArray m_current;
 };
 
 bool writeAll(QIODevice& output, std::string_view bytes)
@@ -139,46 +146,46 @@ Status drop(LineReader& input, QIODevice& output, const QString& inputName)
     const Status unended = Status::failure(
         QCoreApplication::translate("Quillet", "Input file %1 holds an earlier mark without its end").arg(inputName));
     LookAhead lines(input);
-    for (QByteArray line = lines.next(); !line.isEmpty(); line = lines.next()) {
+    // The lines read after a page label to tell a classic back page.
+    QList<QByteArray> head;
+    for (std::string_view line = lines.next(); !line.empty(); line = lines.next()) {
         if (line == BeginLine) {
             // Everything up to the end line goes.
             do
                 line = lines.next();
-            while (!line.isEmpty() && line != EndLine);
-            if (line.isEmpty())
+            while (!line.empty() && line != EndLine);
+            if (line.empty())
                 return unended;
             continue;
         }
-        if (line.startsWith(PageComment)) {
-            QList<QByteArray> head{line};
+        if (startsWith(line, PageComment)) {
+            // Only a page label is followed by what may be a classic back
+            // page; the lines read to tell are kept.
+            head = {copyOf(line)};
             while (!opensClassicBackPage(head) && couldOpenClassicBackPage(head)) {
-                const QByteArray more = lines.next();
-                if (more.isEmpty())
+                const std::string_view more = lines.next();
+                if (more.empty())
                     break;
-                head.append(more);
+                head.append(copyOf(more));
             }
             if (opensClassicBackPage(head)) {
                 // The back page goes, up to its "showpage" and page trailer.
-                QByteArray previous;
-                for (line = lines.next(); !line.isEmpty() && !(previous == ShowPage && line == PageTrailer);
-                     line = lines.next())
-                    previous = line;
-                if (line.isEmpty())
+                bool afterShowPage = false;
+                for (line = lines.next(); !line.empty() && !(afterShowPage && line == PageTrailer); line = lines.next())
+                    afterShowPage = line == ShowPage;
+                if (line.empty())
                     return unended;
                 continue;
             }
             lines.putBack(head.mid(1));
+            line = std::string_view(head.first().constData(), size_t(head.first().size()));
         }
-        const std::string_view original = recordedOriginal(std::string_view(line.constData(), size_t(line.size())));
-        if (!original.empty()) {
-            // The record stands for the line after it.
-            lines.next();
-            if (!writeAll(output, original))
-                return writeFailure;
-            continue;
-        }
-        if (!writeAll(output, std::string_view(line.constData(), size_t(line.size()))))
+        const std::string_view original = recordedOriginal(line);
+        if (!writeAll(output, original.empty() ? line : original))
             return writeFailure;
+        // A record stands for the line after it.
+        if (!original.empty())
+            lines.next();
     }
     return Status();
 }
