@@ -262,10 +262,6 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         const Status dropped = Insertions::drop(marked, original, input);
         if (!dropped.ok())
             return dropped;
-        if (!original.flush() || !original.seek(0))
-            return Status::failure(
-                quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not write the copy of input file %1 without its earlier marks"))
-                    .arg(input));
         source = &original;
         const Status rescanned = scanDocument(original, model);
         if (!rescanned.ok())

@@ -7,6 +7,7 @@
 #include "document/linereader.h"
 
 #include <QCoreApplication>
+#include <QFileDevice>
 #include <QIODevice>
 #include <QList>
 #include <QString>
@@ -138,7 +139,7 @@ bool ClassicBackPageWatch::see(std::string_view line)
     return opens;
 }
 
-Status drop(LineReader& input, QIODevice& output, const QString& inputName)
+Status drop(LineReader& input, QFileDevice& output, const QString& inputName)
 {
     const Status writeFailure = Status::failure(
         QCoreApplication::translate("Quillet", "Can not write the copy of input file %1 without its earlier marks")
@@ -187,6 +188,8 @@ Status drop(LineReader& input, QIODevice& output, const QString& inputName)
         if (!original.empty())
             lines.next();
     }
+    if (!output.flush() || !output.seek(0))
+        return writeFailure;
     return Status();
 }
 

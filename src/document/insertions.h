@@ -10,6 +10,7 @@
 #include <string_view>
 
 class LineReader;
+class QFileDevice;
 class QIODevice;
 
 namespace Insertions {
@@ -38,8 +39,9 @@ class ClassicBackPageWatch
 
 // Copies the input to the output without the earlier runs' insertions, with
 // every replaced line put back, and without the back pages of classic duplex
-// runs. Fails on an insertion or back page that never ends and on an output
-// that cannot be written; the file name is for the message.
-Status drop(LineReader& input, QIODevice& output, const QString& inputName);
+// runs, and leaves the output flushed at its start. Fails on an insertion or
+// back page that never ends and on an output that cannot be written; the
+// file name is for the message.
+Status drop(LineReader& input, QFileDevice& output, const QString& inputName);
 
 } // namespace Insertions

@@ -59,6 +59,7 @@ class TestRemarking : public QObject
     void threeRunsInARow();
     void classicMarkMarkedAgainPrintsEveryPageOnce_data();
     void classicMarkMarkedAgainPrintsEveryPageOnce();
+    void noTemporaryFileIsRefused();
     void unendedInsertionIsRefused_data();
     void unendedInsertionIsRefused();
 
@@ -314,6 +315,25 @@ void TestRemarking::unendedInsertionIsRefused()
     QVERIFY2(run.standardError.contains("Input file original.ps holds an earlier mark without its end"),
              run.standardError.constData());
     QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("job/out.ps"))));
+}
+
+// The marks are taken out into a temporary file: where none can be made (the
+// temporary folder is /proc) the job is refused, not printed with the
+// earlier marks.
+void TestRemarking::noTemporaryFileIsRefused()
+{
+    FixtureTree tree;
+    prepare(tree, m_documents.first().key);
+    RunResult run = mark(tree, QStringLiteral("original.ps"), {FirstTemplate, false}, QStringLiteral("once.ps"));
+    QVERIFY2(run.exitCode == 0, describe(run).constData());
+    tree.write(QStringLiteral("job/job.vars"), Variables);
+    run = tree.runQuillet({QStringLiteral("once.ps"), QStringLiteral("marker.tmpl"), QStringLiteral("job.vars"),
+                           QStringLiteral("twice.ps")},
+                          {QStringLiteral("TMPDIR=/proc")});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.standardError.contains("Can not create a temporary file for input file once.ps"),
+             run.standardError.constData());
+    QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("job/twice.ps"))));
 }
 
 QTEST_GUILESS_MAIN(TestRemarking)
