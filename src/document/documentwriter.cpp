@@ -333,7 +333,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         Insertions::end(out);
     copyLines(reader, outputTarget, 1);
 
-    const Marker& marker = Marker::instance();
+    MarkerBlocks marker(Marker::instance());
     qint64 previousEnd = model.firstPageLine;
     for (qint64 page = 1; page <= pageCount; ++page) {
         const qint64 pageEnd = model.pageEndLines.at(int(page - 1));
@@ -341,11 +341,11 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         QByteArray boundingBox;
         copyPageLines(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
 
-        variables.insert(QStringLiteral("CURRENT_PAGE"), QString::number(page));
-        variables.insert(QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
+        variables.insert(QLatin1String(PageKeys::CurrentPage), QString::number(page));
+        variables.insert(QLatin1String(PageKeys::CurrentPageContinuous),
                          QString::number((currentCopy - 1) * pageCount + page));
         if (PageCoder::instance().isOn())
-            variables.insert(QStringLiteral("PAGE_CODE"), PageCoder::instance().code(page));
+            variables.insert(QLatin1String(PageKeys::PageCode), PageCoder::instance().code(page));
 
         if (safeOutput)
             Insertions::begin(out);

@@ -4,10 +4,14 @@
 
 #include "marker/markerstring.h"
 
+#include <QByteArray>
+#include <QHash>
 #include <QMap>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 #include <QStringView>
+#include <QVector>
 
 class QIODevice;
 
@@ -44,6 +48,12 @@ public:
     // Returns the text with every [NAME] or {NAME} reference replaced by its
     // value from the store, a site script or the user directory.
     QString expandVariables(const QString& text) const;
+
+    // Whether a text's expansion may differ from page to page: it names a
+    // key that the document filter sets for every page, or it takes text
+    // from a site script or the user directory, which are asked anew on
+    // every page.
+    bool changesPerPage(const QString& text) const;
 
     // The most marker strings a template may hold (pieces of "^"-split
     // texts included); further strings are ignored with a warning.
@@ -85,6 +95,8 @@ public:
 
     // Returns the strings that apply to a page: "first", "last" or "any".
     MarkerPositionMap stringsForPage(int page, bool lastPage) const;
+    // The page type whose strings apply to a page.
+    int pageTypeFor(int page, bool lastPage) const;
 
     // Writes one marker block for a map of strings.
     void drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape) const;
@@ -95,6 +107,8 @@ public:
 
     // Returns the fonarik strings that apply to a count.
     MarkerPositionMap fonarikStrings(int count) const;
+    // The fonarik page type that applies to a count.
+    int fonarikTypeFor(int count) const;
 
 private:
     Marker() = default;
@@ -102,7 +116,6 @@ private:
     bool addString(int pageType, const QString& position, const MarkerStringPtr& string);
     QString expandReferences(QStringView text, int scriptDepth) const;
     QString runScriptAt(QStringView command, int scriptDepth) const;
-    void drawPosition(QIODevice& out, int position, const MarkerStringList& strings) const;
 
     QMap<int, MarkerPositionMap> m_strings;
     int m_fonarikBoundary = 3;
@@ -110,4 +123,61 @@ private:
     QString m_charset = QStringLiteral("utf-8");
     QSet<int> m_fontStyles;
     int m_stringCount = 0; // strings added, and those refused beyond the bound
+};
+
+// The marker blocks of one run, written page after page. What does not change
+// from one page to the next is made once and then copied: the opening of each
+// kind of block, the placement of every position, and for every string its
+// font selection, measurement, box, placement and underline, and the encoded
+// text of a string that names nothing that changes per page (see
+// Marker::changesPerPage). Only the other strings are expanded and encoded
+// anew on every page. The bytes are exactly those that drawing every page
+// afresh would write; the store may change only in the per-page keys while
+// the object is in use. Warnings about the template or the definitions come
+// once, when a piece is made.
+class MarkerBlocks
+{
+public:
+    explicit MarkerBlocks(const Marker& marker);
+
+    // As the Marker functions of the same names.
+    void drawMarker(QIODevice& out, int page, bool lastPage);
+    void drawFonarik(QIODevice& out, int count);
+    void drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape);
+    void drawPosition(QIODevice& out, int position, const MarkerStringList& strings);
+    void drawAtOffset(QIODevice& out, const QString& position, const MarkerStringList& strings);
+
+private:
+    // One string of a position, with what is made of it once.
+    struct StringBlock
+    {
+        MarkerStringPtr string;
+        bool prepared = false; // perPage known, the text of a fixed one expanded
+        bool perPage = false;  // expanded and encoded on every page
+        bool built = false;    // head and tail made
+        bool textKept = false; // the head holds the encoded text too
+        QByteArray head;       // font selection, outline start (and a kept text)
+        QByteArray tail;       // outline end, box, text placement, show, underline, advance
+    };
+    // The strings of one position, in the order in which they are painted.
+    struct Placement
+    {
+        int position = 0;     // the named position whose algorithm paints them
+        QByteArray offset;    // coordinate positions: the shift definitions
+        QVector<StringBlock> strings;
+    };
+    using Plan = QVector<Placement>;
+
+    Plan planFor(const MarkerPositionMap& strings) const;
+    Placement placement(int position, const MarkerStringList& strings) const;
+    void drawPlan(QIODevice& out, Plan& plan, bool fonarik, bool landscape);
+    void drawPlacement(QIODevice& out, Placement& placement);
+    void drawString(QIODevice& out, int position, StringBlock& block);
+    const QByteArray& opening(bool fonarik, bool landscape);
+
+    const Marker& m_marker;
+    bool m_isolated;
+    QStringList m_landscapeFlags;
+    QHash<int, Plan> m_plans;         // by page type
+    QHash<int, QByteArray> m_openings; // by fonarik and landscape
 };

@@ -8,6 +8,7 @@
 #include "marker/markerpositions.h"
 #include "settings/variables.h"
 
+#include <QBuffer>
 #include <QIODevice>
 #include <QStringList>
 
@@ -168,6 +169,76 @@ int totalStrings(const MarkerPositionMap& map)
     return count;
 }
 
+// The longest fixed text whose encoding a run keeps; a longer one (four
+// bytes a character) is encoded again for every page instead of being held.
+constexpr int MaxKeptTextCharacters = 4096;
+
+// What one call writes, as bytes.
+template <typename Write>
+QByteArray written(Write write)
+{
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    write(buffer);
+    return bytes;
+}
+
+// The measurement of a string is its head, its encoded text and its tail.
+// The head selects the string's font and starts the outline.
+void writeMeasureHead(QIODevice& out, const MarkerString& string)
+{
+    Fonts::instance().setFont(out, string.fontStyle, string.fontSize);
+    out.write(MeasureStart);
+}
+
+void writeMeasureTail(QIODevice& out)
+{
+    out.write(MeasureOutline);
+    out.write(DefineStringBox);
+}
+
+// What follows the measurement at a position: the white box, the text shown
+// in black, the underline in the font just selected, the stack's advance.
+void writePaint(QIODevice& out, const PositionSnippets& snippets, bool underline)
+{
+    out.write(snippets.box);
+    out.write(snippets.text);
+    out.write(ShowString);
+    if (underline) {
+        Fonts::instance().writeUnderlineProcs(out);
+        out.write(snippets.underline);
+    }
+    out.write(snippets.top ? TopStackAdvance : BottomStackAdvance);
+}
+
+// The expansion of a string for the page being drawn.
+void expand(const Marker& marker, MarkerString& string)
+{
+    string.expandedText.clear(); // the last page's text is not kept beside the new one
+    string.expandedText = marker.expandVariables(string.text);
+}
+
+// The shift definitions of a coordinate position such as {20;30} or
+// {10mm;12mm}; a null array for a key that is not one.
+QByteArray offsetDefinitions(const QString& position)
+{
+    bool millimetres = false;
+    QRegularExpressionMatch match = pointPositionPattern().match(position);
+    if (!match.hasMatch()) {
+        match = millimetrePositionPattern().match(position);
+        if (!match.hasMatch())
+            return QByteArray();
+        millimetres = true;
+    }
+
+    // A group that does not read as a number (such as "1,5") counts as 0.
+    const double x = coordinate(match.captured(1), position, millimetres);
+    const double y = coordinate(match.captured(2), position, millimetres);
+    return "/markerTopShift " + QByteArray::number(y, 'g', 6) + " def\n" + "/markerLeftShift "
+        + QByteArray::number(x, 'g', 6) + " def\n";
+}
+
 } // namespace
 
 void Marker::writeCommonVariables(QIODevice& out, bool fonarik, bool landscape) const
@@ -219,151 +290,246 @@ void Marker::measureString(QIODevice& out, const MarkerStringPtr& string) const
 {
     if (!string)
         return;
-    Fonts& fonts = Fonts::instance();
-    fonts.setFont(out, string->fontStyle, string->fontSize);
-    out.write(MeasureStart);
-    fonts.writeString(out, string->expandedText);
-    out.write(MeasureOutline);
-    out.write(DefineStringBox);
-}
-
-// One algorithm for the six named positions: the table above holds what
-// differs. Top positions stack downwards in template order; bottom positions
-// are visited from the last string so that they, too, read top to bottom.
-void Marker::drawPosition(QIODevice& out, int position, const MarkerStringList& strings) const
-{
-    if (strings.isEmpty())
-        return;
-    const PositionSnippets& snippets = Positions[position];
-    out.write(snippets.top ? TopStackStart : BottomStackStart);
-
-    for (int i = 0; i < strings.size(); ++i) {
-        const MarkerStringPtr& string = strings.at(snippets.top ? i : strings.size() - 1 - i);
-        if (!string)
-            continue;
-        if (!string->expanded) {
-            string->expandedText.clear(); // the last page's text is not kept beside the new one
-            string->expandedText = expandVariables(string->text);
-        }
-        if (isBlank(string->expandedText))
-            continue;
-
-        measureString(out, string);
-        out.write(snippets.box);
-        out.write(snippets.text);
-        out.write(ShowString);
-        if (string->underline) {
-            Fonts::instance().writeUnderlineProcs(out);
-            out.write(snippets.underline);
-        }
-        out.write(snippets.top ? TopStackAdvance : BottomStackAdvance);
-    }
+    writeMeasureHead(out, *string);
+    Fonts::instance().writeString(out, string->expandedText);
+    writeMeasureTail(out);
 }
 
 void Marker::drawTopLeft(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::TopLeft, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::TopLeft, strings);
 }
 
 void Marker::drawTopCenter(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::TopCenter, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::TopCenter, strings);
 }
 
 void Marker::drawTopRight(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::TopRight, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::TopRight, strings);
 }
 
 void Marker::drawBottomLeft(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::BottomLeft, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::BottomLeft, strings);
 }
 
 void Marker::drawBottomCenter(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::BottomCenter, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::BottomCenter, strings);
 }
 
 void Marker::drawBottomRight(QIODevice& out, const MarkerStringList& strings) const
 {
-    drawPosition(out, MarkerPosition::BottomRight, strings);
+    MarkerBlocks(*this).drawPosition(out, MarkerPosition::BottomRight, strings);
 }
 
 void Marker::drawAtOffset(QIODevice& out, const QString& position, const MarkerStringList& strings) const
 {
-    if (strings.isEmpty())
-        return;
-    bool millimetres = false;
-    QRegularExpressionMatch match = pointPositionPattern().match(position);
-    if (!match.hasMatch()) {
-        match = millimetrePositionPattern().match(position);
-        if (!match.hasMatch())
-            return;
-        millimetres = true;
-    }
-
-    // A group that does not read as a number (such as "1,5") counts as 0.
-    const double x = coordinate(match.captured(1), position, millimetres);
-    const double y = coordinate(match.captured(2), position, millimetres);
-    out.write("/markerTopShift " + QByteArray::number(y, 'g', 6) + " def\n");
-    out.write("/markerLeftShift " + QByteArray::number(x, 'g', 6) + " def\n");
-    drawPosition(out, MarkerPosition::TopLeft, strings);
+    MarkerBlocks(*this).drawAtOffset(out, position, strings);
 }
 
 void Marker::drawMarker(QIODevice& out, int page, bool lastPage) const
 {
-    // "LANDSCAPE" holds one flag per page; pages beyond the list take the
-    // first flag, not the last.
-    const QStringList flags =
-        Variables::instance().value(QStringLiteral("LANDSCAPE")).split(QLatin1Char(','), Qt::SkipEmptyParts);
-    bool landscape = false;
-    if (!flags.isEmpty() && page >= 1)
-        landscape = flags.at(page <= flags.size() ? page - 1 : 0) == QLatin1String("1");
+    MarkerBlocks(*this).drawMarker(out, page, lastPage);
+}
 
-    drawPage(out, stringsForPage(page, lastPage), false, landscape);
+int Marker::pageTypeFor(int page, bool lastPage) const
+{
+    if (page == 1 && totalStrings(m_strings.value(MarkerPageType::First)) > 0)
+        return MarkerPageType::First;
+    if (page != 1 && lastPage && totalStrings(m_strings.value(MarkerPageType::Last)) > 0)
+        return MarkerPageType::Last;
+    return MarkerPageType::Any;
 }
 
 MarkerPositionMap Marker::stringsForPage(int page, bool lastPage) const
 {
-    const MarkerPositionMap first = m_strings.value(MarkerPageType::First);
-    const MarkerPositionMap last = m_strings.value(MarkerPageType::Last);
-    const MarkerPositionMap any = m_strings.value(MarkerPageType::Any);
-    if (page == 1)
-        return totalStrings(first) > 0 ? first : any;
-    if (lastPage)
-        return totalStrings(last) > 0 ? last : any;
-    return any;
+    return m_strings.value(pageTypeFor(page, lastPage));
 }
 
 void Marker::drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape) const
 {
-    const bool isolated = Variables::instance().safeOutput();
-    if (isolated)
-        out.write(IsolatedBlockBegin);
-
-    writeCommonVariables(out, fonarik, landscape);
-    for (int position = 0; position < MarkerPosition::Count; ++position)
-        drawPosition(out, position, strings.value(QLatin1String(MarkerPosition::Names[position])));
-
-    // Coordinate positions come last, in ascending order of their keys.
-    for (auto it = strings.cbegin(); it != strings.cend(); ++it) {
-        if (it.key().startsWith(QLatin1Char('{')))
-            drawAtOffset(out, it.key(), it.value());
-    }
-
-    if (isolated)
-        out.write(IsolatedBlockEnd);
+    MarkerBlocks(*this).drawPage(out, strings, fonarik, landscape);
 }
 
 void Marker::drawFonarik(QIODevice& out, int count) const
 {
-    const bool landscape =
-        Variables::instance().value(QStringLiteral("LANDSCAPE")).startsWith(QLatin1Char('1'));
-    drawPage(out, fonarikStrings(count), true, landscape);
+    MarkerBlocks(*this).drawFonarik(out, count);
+}
+
+int Marker::fonarikTypeFor(int count) const
+{
+    return m_fonarikBoundary < count ? MarkerPageType::FonarikGt5 : MarkerPageType::Fonarik;
 }
 
 MarkerPositionMap Marker::fonarikStrings(int count) const
 {
-    return m_strings.value(m_fonarikBoundary < count ? MarkerPageType::FonarikGt5 : MarkerPageType::Fonarik);
+    return m_strings.value(fonarikTypeFor(count));
+}
+
+// --- The blocks of a run -------------------------------------------------------------
+
+MarkerBlocks::MarkerBlocks(const Marker& marker)
+    : m_marker(marker),
+      m_isolated(Variables::instance().safeOutput()),
+      // "LANDSCAPE" holds one flag per page; pages beyond the list take the
+      // first flag, not the last. Fonarik blocks take the first character.
+      m_landscapeFlags(
+          Variables::instance().value(QStringLiteral("LANDSCAPE")).split(QLatin1Char(','), Qt::SkipEmptyParts))
+{
+}
+
+void MarkerBlocks::drawMarker(QIODevice& out, int page, bool lastPage)
+{
+    bool landscape = false;
+    if (!m_landscapeFlags.isEmpty() && page >= 1)
+        landscape = m_landscapeFlags.at(page <= m_landscapeFlags.size() ? page - 1 : 0) == QLatin1String("1");
+
+    const int type = m_marker.pageTypeFor(page, lastPage);
+    auto plan = m_plans.find(type);
+    if (plan == m_plans.end())
+        plan = m_plans.insert(type, planFor(m_marker.strings().value(type)));
+    drawPlan(out, *plan, false, landscape);
+}
+
+void MarkerBlocks::drawFonarik(QIODevice& out, int count)
+{
+    const bool landscape =
+        Variables::instance().value(QStringLiteral("LANDSCAPE")).startsWith(QLatin1Char('1'));
+    const int type = m_marker.fonarikTypeFor(count);
+    auto plan = m_plans.find(type);
+    if (plan == m_plans.end())
+        plan = m_plans.insert(type, planFor(m_marker.strings().value(type)));
+    drawPlan(out, *plan, true, landscape);
+}
+
+void MarkerBlocks::drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape)
+{
+    Plan plan = planFor(strings);
+    drawPlan(out, plan, fonarik, landscape);
+}
+
+void MarkerBlocks::drawPosition(QIODevice& out, int position, const MarkerStringList& strings)
+{
+    Placement named = placement(position, strings);
+    drawPlacement(out, named);
+}
+
+void MarkerBlocks::drawAtOffset(QIODevice& out, const QString& position, const MarkerStringList& strings)
+{
+    if (strings.isEmpty())
+        return;
+    Placement placed = placement(MarkerPosition::TopLeft, strings);
+    placed.offset = offsetDefinitions(position);
+    if (!placed.offset.isNull())
+        drawPlacement(out, placed);
+}
+
+MarkerBlocks::Placement MarkerBlocks::placement(int position, const MarkerStringList& strings) const
+{
+    // Top positions stack downwards in template order; bottom positions are
+    // visited from the last string so that they, too, read top to bottom.
+    Placement placement;
+    placement.position = position;
+    const bool top = Positions[position].top;
+    for (int i = 0; i < strings.size(); ++i) {
+        StringBlock block;
+        block.string = strings.at(top ? i : strings.size() - 1 - i);
+        placement.strings.append(block);
+    }
+    return placement;
+}
+
+// The six named positions in their fixed order, then the coordinate
+// positions in ascending order of their keys.
+MarkerBlocks::Plan MarkerBlocks::planFor(const MarkerPositionMap& strings) const
+{
+    Plan plan;
+    for (int position = 0; position < MarkerPosition::Count; ++position) {
+        const MarkerStringList list = strings.value(QLatin1String(MarkerPosition::Names[position]));
+        if (!list.isEmpty())
+            plan.append(placement(position, list));
+    }
+    for (auto it = strings.cbegin(); it != strings.cend(); ++it) {
+        if (!it.key().startsWith(QLatin1Char('{')) || it.value().isEmpty())
+            continue;
+        Placement placed = placement(MarkerPosition::TopLeft, it.value());
+        placed.offset = offsetDefinitions(it.key());
+        if (!placed.offset.isNull())
+            plan.append(placed);
+    }
+    return plan;
+}
+
+const QByteArray& MarkerBlocks::opening(bool fonarik, bool landscape)
+{
+    const int key = (fonarik ? 2 : 0) + (landscape ? 1 : 0);
+    auto found = m_openings.find(key);
+    if (found == m_openings.end()) {
+        found = m_openings.insert(key, written([&](QIODevice& out) {
+            if (m_isolated)
+                out.write(IsolatedBlockBegin);
+            m_marker.writeCommonVariables(out, fonarik, landscape);
+        }));
+    }
+    return *found;
+}
+
+void MarkerBlocks::drawPlan(QIODevice& out, Plan& plan, bool fonarik, bool landscape)
+{
+    out.write(opening(fonarik, landscape));
+    for (Placement& placed : plan)
+        drawPlacement(out, placed);
+    if (m_isolated)
+        out.write(IsolatedBlockEnd);
+}
+
+void MarkerBlocks::drawPlacement(QIODevice& out, Placement& placement)
+{
+    if (placement.strings.isEmpty())
+        return;
+    if (!placement.offset.isNull())
+        out.write(placement.offset);
+    out.write(Positions[placement.position].top ? TopStackStart : BottomStackStart);
+    for (StringBlock& block : placement.strings)
+        drawString(out, placement.position, block);
+}
+
+void MarkerBlocks::drawString(QIODevice& out, int position, StringBlock& block)
+{
+    if (!block.string)
+        return;
+    MarkerString& string = *block.string;
+    if (!block.prepared) {
+        block.perPage = !string.expanded && m_marker.changesPerPage(string.text);
+        if (!string.expanded)
+            expand(m_marker, string);
+        block.prepared = true;
+    } else if (block.perPage) {
+        expand(m_marker, string);
+    }
+    if (isBlank(string.expandedText))
+        return;
+
+    // Made when the string is first shown: a string never shown selects no
+    // font (nor warns about its size).
+    if (!block.built) {
+        block.textKept = !block.perPage && string.expandedText.size() <= MaxKeptTextCharacters;
+        block.head = written([&](QIODevice& head) {
+            writeMeasureHead(head, string);
+            if (block.textKept)
+                Fonts::instance().writeString(head, string.expandedText);
+        });
+        block.tail = written([&](QIODevice& tail) {
+            writeMeasureTail(tail);
+            writePaint(tail, Positions[position], string.underline);
+        });
+        block.built = true;
+    }
+    out.write(block.head);
+    if (!block.textKept)
+        Fonts::instance().writeString(out, string.expandedText);
+    out.write(block.tail);
 }

@@ -9,6 +9,9 @@
 #include <QProcess>
 #include <QStringList>
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
 
 // How long each outside program (a site script, kinit, the directory
@@ -68,11 +71,57 @@ bool isClosing(QChar c)
     return c == QLatin1Char(']') || c == QLatin1Char('}');
 }
 
+// Walks the references of a text in one pass with a depth counter: only the
+// outermost brackets delimit a reference, and everything between them is its
+// name. plain(run) gets the text outside references in runs, reference(name)
+// each name. A stray closing bracket makes the depth negative, and from then
+// on the rest of the text is one plain run; a text that ends inside a
+// reference drops it.
+template <typename Plain, typename Reference>
+void walkReferences(QStringView text, Plain plain, Reference reference)
+{
+    qsizetype plainStart = 0;
+    qsizetype nameStart = 0;
+    int depth = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (isOpening(c)) {
+            if (++depth == 1) {
+                plain(text.mid(plainStart, i - plainStart));
+                nameStart = i + 1;
+            }
+        } else if (isClosing(c)) {
+            if (--depth == 0) {
+                reference(text.mid(nameStart, i - nameStart));
+                plainStart = i + 1;
+            }
+        }
+    }
+    if (depth <= 0)
+        plain(text.mid(plainStart));
+}
+
+const QLatin1String ScriptPrefix("SCRIPT:");
+const QLatin1String DirectoryPrefix("FREEIPA:");
+
 } // namespace
 
 QString Marker::expandVariables(const QString& text) const
 {
     return expandReferences(text, 0);
+}
+
+bool Marker::changesPerPage(const QString& text) const
+{
+    bool changes = false;
+    walkReferences(
+        text, [](QStringView) {},
+        [&changes](QStringView name) {
+            changes = changes || name.startsWith(ScriptPrefix) || name.startsWith(DirectoryPrefix)
+                || std::any_of(std::cbegin(PageKeys::All), std::cend(PageKeys::All),
+                               [name](const char* key) { return name == QLatin1String(key); });
+        });
+    return changes;
 }
 
 // The expansion works on views of the text: a reference's name, and a
@@ -81,48 +130,22 @@ QString Marker::expandVariables(const QString& text) const
 // SCRIPT: references that the text lies in.
 QString Marker::expandReferences(QStringView text, int scriptDepth) const
 {
-    static const QLatin1String scriptPrefix("SCRIPT:");
-    static const QLatin1String directoryPrefix("FREEIPA:");
-
-    // One pass with a depth counter: only the outermost brackets delimit a
-    // reference, and everything between them is its name. A stray closing
-    // bracket makes the depth negative, and from then on the rest of the
-    // text is copied as it stands.
-    // Text outside references is appended in runs, not character by
-    // character; plainStart is where the current run began.
     QString result;
-    qsizetype plainStart = 0;
-    qsizetype nameStart = 0;
-    int depth = 0;
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        const QChar c = text.at(i);
-        if (isOpening(c)) {
-            if (++depth == 1) {
-                result += text.mid(plainStart, i - plainStart);
-                nameStart = i + 1;
-                continue;
+    walkReferences(
+        text, [&result](QStringView run) { result += run; },
+        [&](QStringView name) {
+            if (name.startsWith(ScriptPrefix)) {
+                result += runScriptAt(name.mid(ScriptPrefix.size()).trimmed(), scriptDepth + 1);
+            } else if (name.startsWith(DirectoryPrefix)) {
+                result += directoryAttribute(name.mid(DirectoryPrefix.size()).trimmed().toString());
+            } else {
+                const QString key = name.toString();
+                QString value = Variables::instance().value(key);
+                if (m_replaceUnderscore && securityLabelVariables().contains(key))
+                    value.replace(QLatin1Char('_'), QLatin1Char(' '));
+                result += value;
             }
-        } else if (isClosing(c)) {
-            if (--depth == 0) {
-                const QStringView name = text.mid(nameStart, i - nameStart);
-                if (name.startsWith(scriptPrefix)) {
-                    result += runScriptAt(name.mid(scriptPrefix.size()).trimmed(), scriptDepth + 1);
-                } else if (name.startsWith(directoryPrefix)) {
-                    result += directoryAttribute(name.mid(directoryPrefix.size()).trimmed().toString());
-                } else {
-                    const QString key = name.toString();
-                    QString value = Variables::instance().value(key);
-                    if (m_replaceUnderscore && securityLabelVariables().contains(key))
-                        value.replace(QLatin1Char('_'), QLatin1Char(' '));
-                    result += value;
-                }
-                plainStart = i + 1;
-            }
-        }
-    }
-    // The last run, unless the text ends inside a reference, which is dropped.
-    if (depth <= 0)
-        result += text.mid(plainStart);
+        });
     return result;
 }
 

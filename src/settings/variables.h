@@ -6,6 +6,14 @@
 
 class QIODevice;
 
+// The keys that the document filter sets anew for every page it marks.
+namespace PageKeys {
+inline constexpr char CurrentPage[] = "CURRENT_PAGE";
+inline constexpr char CurrentPageContinuous[] = "CURRENT_PAGE_CONTINUOUS";
+inline constexpr char PageCode[] = "PAGE_CODE";
+inline constexpr const char* All[] = {CurrentPage, CurrentPageContinuous, PageCode};
+} // namespace PageKeys
+
 // One ordered map from key to value for the whole run. The variables file,
 // DATE and TIME, the marker definitions and the page counters all live here;
 // a later insert of a key replaces the earlier value.
