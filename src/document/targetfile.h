@@ -4,14 +4,19 @@
 #include <QBuffer>
 #include <QByteArray>
 #include <QFile>
-#include <QSaveFile>
+#include <QTemporaryFile>
 #include <QString>
 
 // Writes one file of the run. Replaced as a whole, it is written to a
 // temporary file beside it that commit() renames over it, so that a run that
 // fails before leaves it as it was (the temporary file goes with this object);
 // otherwise it is written in place. A special file such as /dev/full or a pipe
-// cannot be replaced by renaming and is always written in place.
+// cannot be replaced by renaming and is always written in place. A replaced
+// file keeps the permissions of the one it replaces; a new one gets those
+// that the umask leaves of 0666.
+//
+// Nothing is forced to the disk: the files are the print path's working
+// files, which the print server makes again should the machine stop.
 //
 // What is written collects in memory and goes to the file in large writes,
 // each one checked: by spill() once a mebibyte has gathered, and by flush().
@@ -51,8 +56,9 @@ private:
     void writePending();
 
     bool m_replaceWhole;
+    QString m_name;
     QFile m_file;
-    QSaveFile m_saveFile;
+    QTemporaryFile m_temporaryFile;
     QByteArray m_pending;
     QBuffer m_buffer;
     bool m_writeFailed = false;
