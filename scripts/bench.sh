@@ -87,11 +87,14 @@ mkdir -p "$work/cups"
 label='CONFIDENTIAL INTERNAL'
 
 # run LABEL OUTPUT COMMAND...: one timed run; appends "seconds kilobytes" to
-# $work/LABEL.runs. Standard output goes to OUTPUT.
+# $work/LABEL.runs. Standard output goes to OUTPUT. The output files of
+# earlier runs are removed before the clock starts: each tool writes a new
+# file, as in a print queue, and none pays for freeing another run's file.
 run() {
     local label=$1 output=$2
     shift 2
     local start end
+    rm -f "$work/out-quillet.ps" "$work/out-pstops.ps" "$work/out-floor"
     start=$EPOCHREALTIME
     /usr/bin/time -f '%M' -o "$work/rss" "${environment[@]}" "$@" >"$output" 2>"$work/stderr" </dev/null ||
         { echo "bench: $label failed:" >&2; cat "$work/stderr" >&2; exit 1; }

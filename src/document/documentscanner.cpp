@@ -36,6 +36,10 @@ const char EndDocument[] = "%%EndDocument";
 // the prolog line, and the line that shows each page after its marker block.
 const char ClassicRedefinition[] = "/showpagereal /showpage load def\n";
 const char ClassicShowPage[] = "showpagereal\n";
+// The first bytes of the lines above: DSC comments and the marks of earlier
+// runs begin with "%".
+const char ScannedFirstBytes[] = "%";
+const char SafeScannedFirstBytes[] = "%/s";
 
 // The position of a line in a list, or -1.
 int indexOf(const QList<QByteArray>& lines, std::string_view line)
@@ -152,9 +156,21 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
     Insertions::ClassicBackPageWatch classicBackPages;
     QList<qint64> classicShowPages;
 
+    // Every line that the scan acts on begins with one of these bytes; the
+    // others are only counted.
+    static const ByteSet scannedFirstBytes(ScannedFirstBytes);
+    static const ByteSet safeScannedFirstBytes(SafeScannedFirstBytes);
+    const ByteSet& firstBytes = safeOutput ? safeScannedFirstBytes : scannedFirstBytes;
+
     qint64 counter = 0;
-    while (!input.atEnd()) {
-        const std::string_view line = input.readLine();
+    for (;;) {
+        qint64 skipped = 0;
+        const std::string_view line = input.readLineBeginningWith(firstBytes, skipped);
+        counter += skipped;
+        if (skipped > 0)
+            classicBackPages.see({});
+        if (line.empty())
+            break;
         if (safeOutput) {
             if (classicBackPages.see(line) || Insertions::isMarkOfEarlierRun(line))
                 model.earlierMarks = true;

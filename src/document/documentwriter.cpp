@@ -124,8 +124,21 @@ void write(TargetFile& output, std::string_view lines)
     output.spill();
 }
 
-// Copies count lines, in runs that stand together in the input's block.
-void copyRuns(LineReader& input, TargetFile& output, qint64 count)
+// The first line of a run of lines that begins with a prefix, or an empty view.
+std::string_view firstLineWith(std::string_view lines, std::string_view prefix)
+{
+    for (std::size_t at = lines.find(prefix); at != std::string_view::npos; at = lines.find(prefix, at + 1)) {
+        if (at == 0 || lines[at - 1] == '\n') {
+            const std::size_t newline = lines.find('\n', at);
+            return lines.substr(at, newline == std::string_view::npos ? newline : newline + 1 - at);
+        }
+    }
+    return {};
+}
+
+// Copies count lines, in runs that stand together in the input's block; keeps
+// the first "%%PageBoundingBox:" line met when asked.
+void copyRuns(LineReader& input, TargetFile& output, qint64 count, QByteArray* boundingBox = nullptr)
 {
     qint64 taken = 0;
     for (; count > 0; count -= taken) {
@@ -133,21 +146,11 @@ void copyRuns(LineReader& input, TargetFile& output, qint64 count)
         if (taken == 0)
             return;
         write(output, lines);
-    }
-}
-
-// Copies count lines; keeps the first "%%PageBoundingBox:" line met when asked.
-void copyPageLines(LineReader& input, TargetFile& output, qint64 count, QByteArray* boundingBox)
-{
-    if (!boundingBox) {
-        copyRuns(input, output, count);
-        return;
-    }
-    for (qint64 i = 0; i < count; ++i) {
-        const std::string_view line = input.readLine();
-        write(output, line);
-        if (boundingBox->isNull() && startsWith(line, PageBoundingBox))
-            *boundingBox = QByteArray(line.data(), int(line.size()));
+        if (boundingBox && boundingBox->isNull()) {
+            const std::string_view line = firstLineWith(lines, PageBoundingBox);
+            if (!line.empty())
+                *boundingBox = QByteArray(line.data(), int(line.size()));
+        }
     }
 }
 
@@ -339,7 +342,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         const qint64 pageEnd = model.pageEndLines.at(int(page - 1));
         trace(QStringLiteral("Copying page: %1").arg(page));
         QByteArray boundingBox;
-        copyPageLines(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
+        copyRuns(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
 
         variables.insert(QLatin1String(PageKeys::CurrentPage), QString::number(page));
         variables.insert(QLatin1String(PageKeys::CurrentPageContinuous),

@@ -79,6 +79,38 @@ std::string_view LineReader::readLines(qint64 count, qint64& taken)
     return std::string_view(begin, size_t(lineEnd - begin));
 }
 
+std::string_view LineReader::readLineBeginningWith(const ByteSet& firstBytes, qint64& skipped)
+{
+    skipped = 0;
+    // The current line holds no newline before searched.
+    int searched = m_start;
+    for (;;) {
+        if (m_start == m_end) {
+            if (!fill())
+                return {};
+            searched = m_start;
+        }
+        if (searched == m_start && firstBytes.contains(m_block.constData()[m_start]))
+            return readLine();
+        const char* data = m_block.constData();
+        const char* newline = static_cast<const char*>(std::memchr(data + searched, '\n', size_t(m_end - searched)));
+        if (newline) {
+            m_start = int(newline + 1 - data);
+            searched = m_start;
+            ++skipped;
+            continue;
+        }
+        // The line goes on beyond the block, or is the last one.
+        const int searchedOfLine = m_end - m_start;
+        if (!fill()) {
+            m_start = m_end;
+            ++skipped;
+            return {};
+        }
+        searched = m_start + searchedOfLine;
+    }
+}
+
 bool LineReader::atEnd()
 {
     return m_start == m_end && !fill();

@@ -4,6 +4,7 @@
 #include <QByteArray>
 #include <QtGlobal>
 
+#include <array>
 #include <string_view>
 
 class QIODevice;
@@ -13,6 +14,21 @@ inline bool startsWith(std::string_view line, std::string_view prefix)
 {
     return line.substr(0, prefix.size()) == prefix;
 }
+
+// A set of byte values.
+class ByteSet
+{
+  public:
+    explicit ByteSet(std::string_view bytes)
+    {
+        for (const char c : bytes)
+            m_members[static_cast<unsigned char>(c)] = true;
+    }
+    bool contains(char c) const { return m_members[static_cast<unsigned char>(c)]; }
+
+  private:
+    std::array<bool, 256> m_members{};
+};
 
 // Splits what a device holds into lines: each ends with its "\n", the last
 // one may lack it. Only "\n" ends a line; CR and NUL bytes are line content.
@@ -30,6 +46,11 @@ class LineReader
     // Up to count whole lines that stand together in the block, as one view;
     // taken is set to their number, 0 only at the end of the input.
     std::string_view readLines(qint64 count, qint64& taken);
+
+    // Passes over the lines whose first byte is not in the set and returns
+    // the next line whose first byte is, or an empty view at the end of the
+    // input; skipped is set to the number of lines passed over.
+    std::string_view readLineBeginningWith(const ByteSet& firstBytes, qint64& skipped);
 
     // Whether every line has been read.
     bool atEnd();

@@ -1,0 +1,222 @@
+// Tests of the line reader: whatever the device hands over per read, and
+// wherever the lines fall against the reader's blocks, the lines, runs of
+// lines and lines picked by their first byte are exactly those of a plain
+// split of the bytes at "\n".
+#include "document/linereader.h"
+
+#include <QBuffer>
+#include <QList>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+// A device that hands over at most a few bytes per read, as a pipe may.
+class TrickleDevice : public QIODevice
+{
+  public:
+    TrickleDevice(const QByteArray& bytes, qint64 piece) : m_bytes(bytes), m_piece(piece) {}
+
+    bool isSequential() const override { return true; }
+
+  protected:
+    qint64 readData(char* data, qint64 maxSize) override
+    {
+        const qint64 size = qMin(qMin(maxSize, m_piece), qint64(m_bytes.size()) - m_position);
+        if (size <= 0)
+            return m_position < m_bytes.size() ? 0 : -1;
+        memcpy(data, m_bytes.constData() + m_position, size_t(size));
+        m_position += size;
+        return size;
+    }
+    qint64 writeData(const char*, qint64) override { return -1; }
+
+  private:
+    QByteArray m_bytes;
+    qint64 m_piece;
+    qint64 m_position = 0;
+};
+
+// The lines of a text: each ends with its "\n", the last one may lack it.
+QList<QByteArray> splitLines(const QByteArray& bytes)
+{
+    QList<QByteArray> lines;
+    int start = 0;
+    while (start < bytes.size()) {
+        const int newline = bytes.indexOf('\n', start);
+        const int end = newline == -1 ? bytes.size() : newline + 1;
+        lines.append(bytes.mid(start, end - start));
+        start = end;
+    }
+    return lines;
+}
+
+QByteArray toBytes(std::string_view view)
+{
+    return QByteArray(view.data(), int(view.size()));
+}
+
+const int Mebibyte = 1 << 20;
+
+} // namespace
+
+class TestLineReader : public QObject
+{
+    Q_OBJECT
+
+  private slots:
+    void readLine_data();
+    void readLine();
+    void readLines_data();
+    void readLines();
+    void readLineBeginningWith_data();
+    void readLineBeginningWith();
+};
+
+// The inputs, each read from a buffer (whole blocks per read) and from a
+// device that hands over 7 bytes per read.
+void addInputs()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<qint64>("piece");
+
+    QByteArray longLines;
+    longLines += "%first\n";
+    longLines += QByteArray(Mebibyte - 3, 'x') + '\n'; // ends just before the first block's end
+    longLines += "%across the block boundary\n";
+    longLines += QByteArray(3 * Mebibyte, 'y') + '\n'; // longer than a block
+    longLines += "%after\nbody\n";
+
+    QByteArray shortLines;
+    for (int i = 0; i < 60000; ++i)
+        shortLines += (i % 7 == 0 ? "%%Page: " : "body ") + QByteArray::number(i) + '\n';
+
+    const QList<QPair<const char*, QByteArray>> inputs = {
+        {"empty", QByteArray()},
+        {"one newline", QByteArray("\n")},
+        {"no final newline", QByteArray("%a\nb\n%c")},
+        {"last line without newline, not picked", QByteArray("%a\nb\nc")},
+        {"empty lines", QByteArray("\n\n%x\n\n")},
+        {"CR and CR LF", QByteArray("%a\r\nb\rc\r\n%d\r")},
+        {"NUL bytes", QByteArray("%a\0b\n\0%c\n%\0\n", 12)},
+        {"lines around and beyond a block", longLines},
+        {"many short lines", shortLines},
+    };
+    for (const auto& input : inputs) {
+        QTest::addRow("%s, whole blocks", input.first) << input.second << qint64(0);
+        QTest::addRow("%s, 7 bytes a read", input.first) << input.second << qint64(7);
+    }
+}
+
+std::unique_ptr<QIODevice> openDevice(const QByteArray& input, qint64 piece, QByteArray& storage)
+{
+    std::unique_ptr<QIODevice> device;
+    if (piece == 0) {
+        storage = input;
+        auto* buffer = new QBuffer(&storage);
+        device.reset(buffer);
+    } else {
+        device.reset(new TrickleDevice(input, piece));
+    }
+    device->open(QIODevice::ReadOnly);
+    return device;
+}
+
+void TestLineReader::readLine_data()
+{
+    addInputs();
+}
+
+void TestLineReader::readLine()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(qint64, piece);
+    QByteArray storage;
+    const auto device = openDevice(input, piece, storage);
+    LineReader reader(*device);
+
+    QList<QByteArray> lines;
+    while (!reader.atEnd())
+        lines.append(toBytes(reader.readLine()));
+    QCOMPARE(lines, splitLines(input));
+    QVERIFY(reader.readLine().empty());
+}
+
+void TestLineReader::readLines_data()
+{
+    addInputs();
+}
+
+void TestLineReader::readLines()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(qint64, piece);
+    QByteArray storage;
+    const auto device = openDevice(input, piece, storage);
+    LineReader reader(*device);
+
+    // Runs of up to 5 lines: each run holds whole lines, as many as taken says.
+    const QList<QByteArray> expected = splitLines(input);
+    int next = 0;
+    for (;;) {
+        qint64 taken = 0;
+        const QByteArray run = toBytes(reader.readLines(5, taken));
+        if (taken == 0) {
+            QVERIFY(run.isEmpty());
+            break;
+        }
+        QVERIFY(taken <= 5);
+        QVERIFY(next + taken <= expected.size());
+        QByteArray lines;
+        for (int i = 0; i < taken; ++i)
+            lines += expected.at(next + i);
+        QCOMPARE(run, lines);
+        next += int(taken);
+    }
+    QCOMPARE(next, expected.size());
+}
+
+void TestLineReader::readLineBeginningWith_data()
+{
+    addInputs();
+}
+
+void TestLineReader::readLineBeginningWith()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(qint64, piece);
+    QByteArray storage;
+    const auto device = openDevice(input, piece, storage);
+    LineReader reader(*device);
+
+    // The lines that begin with "%" or NUL, each with the number of lines
+    // passed over before it; then the lines passed over at the end.
+    const ByteSet firstBytes(std::string_view("%\0", 2));
+    QList<QPair<qint64, QByteArray>> expected;
+    qint64 passed = 0;
+    for (const QByteArray& line : splitLines(input)) {
+        if (line.startsWith('%') || line.startsWith('\0')) {
+            expected.append({passed, line});
+            passed = 0;
+        } else {
+            ++passed;
+        }
+    }
+
+    QList<QPair<qint64, QByteArray>> picked;
+    for (;;) {
+        qint64 skipped = -1;
+        const QByteArray line = toBytes(reader.readLineBeginningWith(firstBytes, skipped));
+        if (line.isEmpty()) {
+            QCOMPARE(skipped, passed);
+            break;
+        }
+        picked.append({skipped, line});
+    }
+    QCOMPARE(picked, expected);
+    QVERIFY(reader.atEnd());
+}
+
+QTEST_GUILESS_MAIN(TestLineReader)
+#include "tst_linereader.moc"
