@@ -12,7 +12,11 @@ const int BlockSize = 1 << 20;
 
 } // namespace
 
-LineReader::LineReader(QIODevice& device) : m_device(device), m_block(BlockSize, '\0') {}
+LineReader::LineReader(QIODevice& device) : m_device(device)
+{
+    // Not filled in: the memory is touched only as far as the input reaches.
+    m_block.resize(BlockSize);
+}
 
 bool LineReader::fill()
 {

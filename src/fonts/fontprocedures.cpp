@@ -88,7 +88,7 @@ QString Fonts::encodeString(const QString& text) const
     // position in that charset. Code points beyond the 16-bit table are 0000.
     QString result = QStringLiteral("<");
     for (const uint codePoint : text.toUcs4()) {
-        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0;
+        const uint code = codePoint < uint(CodeCount) ? m_glyphOfCode.at(int(codePoint)) : 0;
         result += QString::number(code, 16).rightJustified(4, QLatin1Char('0'));
     }
     result += QLatin1Char('>');
@@ -114,7 +114,7 @@ void Fonts::writeString(QIODevice& out, const QString& text) const
         } else if (QChar::isSurrogate(codePoint)) {
             codePoint = QChar::ReplacementCharacter;
         }
-        appendCode(piece, codePoint < uint(CodeCount) ? m_glyphOfCode[codePoint] : 0);
+        appendCode(piece, codePoint < uint(CodeCount) ? m_glyphOfCode.at(int(codePoint)) : 0);
         if (piece.size() >= 4 * PieceCharacters) {
             out.write(piece);
             piece.clear();

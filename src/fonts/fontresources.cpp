@@ -149,8 +149,8 @@ void Fonts::writeFontResources(QIODevice& out) const
     for (int i = 0; i < m_charsetCount; ++i) {
         QByteArray encoding = QString::fromLatin1(EncodingStart).arg(i, 0, 16).toLatin1();
         for (int k = 0; k < 256; ++k) {
-            const quint16 codePoint = m_codeOfGlyph[i * 256 + k];
-            const QByteArray& glyph = m_glyphNames[codePoint];
+            const quint16 codePoint = m_codeOfGlyph.at(i * 256 + k);
+            const QByteArray glyph = glyphName(codePoint);
             encoding += '/';
             if (!glyph.isEmpty())
                 encoding += glyph;

@@ -19,6 +19,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -28,12 +29,57 @@ const char DefaultCharset[] = "utf-8";
 const char CharsetFileHeader[] = "charset utf8\n";
 const char FontsFolder[] = "/fonts/";
 
+int hexDigit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// The code field of a glyph list line, read as a hexadecimal number; a
+// field that does not read as one counts as 0. The usual one to four digits
+// are read here, anything else as QByteArray reads numbers.
+qlonglong glyphCode(const char* field, int length)
+{
+    if (length >= 1 && length <= 4) {
+        qlonglong code = 0;
+        int i = 0;
+        for (; i < length && hexDigit(field[i]) >= 0; ++i)
+            code = code * 16 + hexDigit(field[i]);
+        if (i == length)
+            return code;
+    }
+    bool ok = false;
+    const qlonglong code = QByteArray(field, length).toLongLong(&ok, 16);
+    return ok ? code : 0;
+}
+
+// Writes the name field of a glyph list line to target, with white space
+// taken off its ends and runs of it inside made one blank, and returns its
+// length; the usual name, followed only by the line's end, is taken as it
+// stands.
+int writeGlyphName(const char* field, int length, char* target)
+{
+    int plain = 0;
+    while (plain < length && field[plain] > ' ' && field[plain] < 127)
+        ++plain;
+    if (plain > 0 && (plain == length || (plain == length - 1 && field[plain] == '\n'))) {
+        std::memcpy(target, field, size_t(plain));
+        return plain;
+    }
+    const QByteArray simplified = QByteArray(field, length).simplified();
+    std::memcpy(target, simplified.constData(), size_t(simplified.size()));
+    return simplified.size();
+}
+
 } // namespace
 
 Fonts::Fonts()
 {
-    m_glyphOfCode.fill(0);
-    m_codeOfGlyph.fill(0);
     m_charsetWidth.fill(0);
     m_charsetDirection.fill(0);
 }
@@ -46,12 +92,13 @@ Fonts& Fonts::instance()
 
 void Fonts::reset()
 {
-    m_glyphNames.fill(QByteArray());
+    m_glyphNames.clear();
+    m_glyphNameBytes.clear();
     for (auto& names : m_fontNames)
         names.fill(QString());
     m_uniqueFonts.clear();
-    m_glyphOfCode.fill(0);
-    m_codeOfGlyph.fill(0);
+    m_glyphOfCode.clear();
+    m_codeOfGlyph.clear();
     m_charsetWidth.fill(0);
     m_charsetDirection.fill(0);
     m_charsetCount = 0;
@@ -85,22 +132,44 @@ bool Fonts::readGlyphList()
         m_problemFile = file.fileName();
         return false;
     }
+    // The whole list is read at once and taken apart line by line; the
+    // names stand one after the other in one array, which a name never
+    // outgrows: it is no longer than its line.
+    const QByteArray text = file.readAll();
+    const int namesStart = m_glyphNameBytes.size();
+    m_glyphNameBytes.resize(namesStart + text.size());
+    char* const nameBytes = m_glyphNameBytes.data();
+    int used = namesStart;
     int names = 0;
-    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
-        const QList<QByteArray> fields = line.split(' ');
+    const char* const textEnd = text.constData() + text.size();
+    for (const char* line = text.constData(); line < textEnd;) {
+        const char* newline = static_cast<const char*>(std::memchr(line, '\n', size_t(textEnd - line)));
+        const char* const lineEnd = newline ? newline + 1 : textEnd;
+        // The fields are separated by single blanks: the code, then the name.
+        const char* firstBlank = line;
+        while (firstBlank < lineEnd && *firstBlank != ' ')
+            ++firstBlank;
+        const char* const name = firstBlank + 1;
+        const char* nameEnd = name;
+        while (nameEnd < lineEnd && *nameEnd != ' ')
+            ++nameEnd;
+        const char* const code = line;
+        line = lineEnd;
         // Lines without a name or with a code beyond the table are outside
         // the format; they are passed over so that they cannot touch the table.
-        if (fields.size() < 2)
+        if (firstBlank == lineEnd)
             continue;
-        bool ok = false;
-        qlonglong code = fields.at(0).toLongLong(&ok, 16);
-        if (!ok)
-            code = 0;
-        if (code < 0 || code >= CodeCount)
+        const qlonglong value = glyphCode(code, int(firstBlank - code));
+        if (value < 0 || value >= CodeCount)
             continue;
-        m_glyphNames[code] = fields.at(1).simplified();
-        names += !m_glyphNames[code].isEmpty();
+        GlyphNameSpan& span = m_glyphNames[int(value)];
+        span.offset = used;
+        span.length = writeGlyphName(name, int(nameEnd - name), nameBytes + used);
+        span.set = true;
+        used += span.length;
+        names += span.length > 0;
     }
+    m_glyphNameBytes.resize(used);
     file.close();
     if (names == 0) {
         m_problem = CatalogueProblem::GlyphListEmpty;
@@ -218,8 +287,8 @@ bool Fonts::readCharsets(const QString& charset)
             const qint64 code = qint64(n) * 256 + (p - start);
             if (code >= CodeCount)
                 break;
-            m_glyphOfCode[p] = quint16(code);
-            m_codeOfGlyph[code] = quint16(p);
+            m_glyphOfCode[int(p)] = quint16(code);
+            m_codeOfGlyph[int(code)] = quint16(p);
         }
 
         if (++m_charsetCount == MaxCharsets)
@@ -228,6 +297,14 @@ bool Fonts::readCharsets(const QString& charset)
     file.close();
     trace(QStringLiteral("Unique fonts: %1").arg(m_uniqueFonts.join(QStringLiteral(", "))));
     return true;
+}
+
+QByteArray Fonts::glyphName(int codePoint) const
+{
+    const GlyphNameSpan& span = m_glyphNames.at(codePoint);
+    if (!span.set)
+        return QByteArray();
+    return QByteArray(m_glyphNameBytes.constData() + span.offset, span.length);
 }
 
 QString Fonts::fontFilePath(const QString& font)

@@ -8,13 +8,55 @@
 #include <QStringList>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 
 class QIODevice;
 
 // Names of the four composite marker fonts, by marker font style id.
 inline constexpr const char* markerFontNames[] = {"Marker-Normal", "Marker-Bold", "Marker-Italic",
                                                   "Marker-BoldItalic"};
+
+// A table of 65,536 entries indexed by a 16-bit code, all T() at first. Its
+// memory grows with the entries set: 256 pieces of 256 entries, each made
+// when one of its entries is first set, so that a catalogue of a few ranges
+// costs little to make.
+template <typename T>
+class CodeTable
+{
+public:
+    const T& at(int code) const
+    {
+        const std::unique_ptr<Piece>& piece = m_pieces[std::size_t(code) >> 8];
+        return piece ? (*piece)[std::size_t(code) & 0xff] : unset();
+    }
+
+    // The entry, made settable.
+    T& operator[](int code)
+    {
+        std::unique_ptr<Piece>& piece = m_pieces[std::size_t(code) >> 8];
+        if (!piece)
+            piece = std::make_unique<Piece>();
+        return (*piece)[std::size_t(code) & 0xff];
+    }
+
+    void clear()
+    {
+        for (std::unique_ptr<Piece>& piece : m_pieces)
+            piece.reset();
+    }
+
+private:
+    using Piece = std::array<T, 256>;
+    static const T& unset()
+    {
+        static const T value{};
+        return value;
+    }
+
+    std::array<std::unique_ptr<Piece>, 256> m_pieces;
+};
 
 class Fonts
 {
@@ -63,9 +105,9 @@ public:
 
     // Read access to the tables, for the resource writer and for tests.
     int charsetCount() const { return m_charsetCount; }
-    QByteArray glyphName(int codePoint) const { return m_glyphNames[codePoint]; }
-    quint16 glyphOfCode(int codePoint) const { return m_glyphOfCode[codePoint]; }
-    quint16 codeOfGlyph(int code) const { return m_codeOfGlyph[code]; }
+    QByteArray glyphName(int codePoint) const; // a null array for a code without a glyph line
+    quint16 glyphOfCode(int codePoint) const { return m_glyphOfCode.at(codePoint); }
+    quint16 codeOfGlyph(int code) const { return m_codeOfGlyph.at(code); }
     QString fontName(int charset, int style) const { return m_fontNames[charset][style]; }
     int charsetWidth(int charset) const { return m_charsetWidth[charset]; }
     int charsetDirection(int charset) const { return m_charsetDirection[charset]; }
@@ -125,11 +167,19 @@ private:
     QString m_problemFile;
     QString m_charsetFile; // the charset file read by the last initialize
 
-    std::array<QByteArray, CodeCount> m_glyphNames;
+    // Where the name of a code's glyph stands in m_glyphNameBytes.
+    struct GlyphNameSpan
+    {
+        int offset = 0;
+        int length = 0;
+        bool set = false; // the glyph list has a line for the code
+    };
+    CodeTable<GlyphNameSpan> m_glyphNames;
+    QByteArray m_glyphNameBytes;
     std::array<std::array<QString, StyleCount>, MaxCharsets> m_fontNames;
     QStringList m_uniqueFonts;
-    std::array<quint16, CodeCount> m_glyphOfCode;
-    std::array<quint16, CodeCount> m_codeOfGlyph;
+    CodeTable<quint16> m_glyphOfCode;
+    CodeTable<quint16> m_codeOfGlyph;
     std::array<qint32, MaxCharsets> m_charsetWidth;
     std::array<qint32, MaxCharsets> m_charsetDirection;
     qint32 m_charsetCount = 0;

@@ -194,6 +194,20 @@ void TestFontCatalogue::glyphList_data()
         << QByteArray("0041 A\n\n\n0043 C\n") << QStringList{"0041 A", "0043 C"};
     QTest::newRow("a code above FFFF changes nothing, not even the code it would wrap to")
         << QByteArray("0041 A\n10041 X\n1ffff Y\n10000000041 Z\n") << QStringList{"0041 A"};
+    QTest::newRow("a code of fewer than four digits is read")
+        << QByteArray("41 A\n7 seven\n") << QStringList{"0007 seven", "0041 A"};
+    QTest::newRow("a code with a 0x prefix is read as hexadecimal")
+        << QByteArray("0x41 A\n0X0042 B\n") << QStringList{"0041 A", "0042 B"};
+    QTest::newRow("a code with a sign is read with it: a negative one changes nothing")
+        << QByteArray("+41 A\n-42 B\n") << QStringList{"0041 A"};
+    QTest::newRow("a code of more than four digits is read whole")
+        << QByteArray("00041 A\n0000ffff B\n") << QStringList{"0041 A", "ffff B"};
+    QTest::newRow("a name of white space only is an empty name")
+        << QByteArray("0041 \t\n0042 B\n") << QStringList{"0041 ", "0042 B"};
+    QTest::newRow("bytes beyond ASCII in a name are kept")
+        << QByteArray("0041 A\xe9\xff\n") << QStringList{"0041 A\u00e9\u00ff"};
+    QTest::newRow("a name that ends the file without line feed after white space")
+        << QByteArray("0041 A\r") << QStringList{"0041 A"};
     QTest::newRow("an empty file gives no names") << QByteArray() << QStringList{};
 }
 
