@@ -138,12 +138,26 @@ Status run(const QString& input, const QString& templateFile, const QString& var
 
 } // namespace
 
+namespace {
+
+// Installs a translator for the system locale from "<baseName>_<locale>" in
+// the directory; nothing happens when there is none.
 void loadTranslation(QCoreApplication& application, const QString& baseName, const QString& directory)
 {
     auto* translator = new QTranslator(&application);
     if (!translator->load(QLocale::system(), baseName, QStringLiteral("_"), directory, QString())
         || !application.installTranslator(translator))
         delete translator;
+}
+
+} // namespace
+
+void loadTranslations(QCoreApplication& application)
+{
+    if (QLocale::system().language() == QLocale::C)
+        return;
+    loadTranslation(application, QStringLiteral("qtbase"), QLibraryInfo::location(QLibraryInfo::TranslationsPath));
+    loadTranslation(application, QStringLiteral("quillet"), QLatin1String(TranslationsDir));
 }
 
 int quilletMain(int argc, char* argv[])
@@ -153,8 +167,7 @@ int quilletMain(int argc, char* argv[])
     QCoreApplication::setApplicationName(QStringLiteral("quillet"));
     QCoreApplication::setApplicationVersion(QStringLiteral("29.29"));
 
-    loadTranslation(application, QStringLiteral("qtbase"), QLibraryInfo::location(QLibraryInfo::TranslationsPath));
-    loadTranslation(application, QStringLiteral("quillet"), QLatin1String(TranslationsDir));
+    loadTranslations(application);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(mainText(QT_TRANSLATE_NOOP("main", "PostScript file Marker Filter")));

@@ -4,9 +4,11 @@
 class QCoreApplication;
 class QString;
 
-// Installs a translator for the system locale from "<baseName>_<locale>" in
-// the directory; nothing happens when there is none.
-void loadTranslation(QCoreApplication& application, const QString& baseName, const QString& directory);
+// Installs the translators of the system locale: Qt's own messages and the
+// program's. English is the language of the texts themselves, so the C
+// locale needs none and nothing is looked for; a locale without a
+// translation file changes nothing either.
+void loadTranslations(QCoreApplication& application);
 
 // Runs the whole program and returns its exit status; main() only calls this.
 int quilletMain(int argc, char* argv[]);

@@ -1,7 +1,7 @@
 // Numbers that the output may carry.
 #include "common/postscriptnumber.h"
 
-#include <QRegularExpression>
+#include <QStringView>
 
 #include <cfloat>
 #include <cmath>
@@ -13,12 +13,53 @@ bool isPostScriptReal(double value)
            (magnitude == 0.0 || (magnitude >= double(FLT_MIN) && magnitude <= double(FLT_MAX)));
 }
 
+namespace {
+
+bool isDigit(QChar c)
+{
+    return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+}
+
+// Passes over the decimal digits at position i; returns how many there were.
+int skipDigits(QStringView text, int& i)
+{
+    const int start = i;
+    while (i < text.size() && isDigit(text[i]))
+        ++i;
+    return i - start;
+}
+
+// Whether a text is, as a whole, an optional sign, decimal digits with at most
+// one point and at least one digit, and an optional exponent: "e" or "E", an
+// optional sign and at least one digit.
+bool hasNumberSyntax(QStringView text)
+{
+    int i = 0;
+    if (i < text.size() && (text[i] == QLatin1Char('+') || text[i] == QLatin1Char('-')))
+        ++i;
+    int digits = skipDigits(text, i);
+    if (i < text.size() && text[i] == QLatin1Char('.')) {
+        ++i;
+        digits += skipDigits(text, i);
+    }
+    if (digits == 0)
+        return false;
+    if (i < text.size() && (text[i] == QLatin1Char('e') || text[i] == QLatin1Char('E'))) {
+        ++i;
+        if (i < text.size() && (text[i] == QLatin1Char('+') || text[i] == QLatin1Char('-')))
+            ++i;
+        if (skipDigits(text, i) == 0)
+            return false;
+    }
+    return i == text.size();
+}
+
+} // namespace
+
 bool isPostScriptNumber(const QString& text)
 {
-    static const QRegularExpression syntax(
-        QStringLiteral("\\A[+-]?([0-9]+\\.?[0-9]*|\\.[0-9]+)([eE][+-]?[0-9]+)?\\z"));
     const QString number = text.trimmed();
-    if (number.size() > MaxPostScriptNumberLength || !syntax.match(number).hasMatch())
+    if (number.size() > MaxPostScriptNumberLength || !hasNumberSyntax(number))
         return false;
     bool ok = false;
     const double value = number.toDouble(&ok);

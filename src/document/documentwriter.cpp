@@ -331,7 +331,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     copyHead(reader, outputTarget, model.firstPageLine - model.prologLine, outputPages);
     if (safeOutput)
         Insertions::begin(out);
-    Fonts::instance().writeFontResources(out);
+    Fonts::instance().writeFontResources(out, [&outputTarget](QFile& file) { outputTarget.append(file); });
     if (safeOutput)
         Insertions::end(out);
     copyLines(reader, outputTarget, 1);

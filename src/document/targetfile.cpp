@@ -3,19 +3,43 @@
 
 #include <QFileInfo>
 
+#include <cerrno>
 #include <cstdio>
 #include <sys/stat.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+namespace {
+
+// The most bytes one kernel copy is asked for.
+const size_t KernelCopyPiece = 1 << 30;
+
+// Whether a failed kernel copy only says that these two files cannot be
+// copied that way, so that reading and writing them can.
+bool kernelCopyRefused(int error)
+{
+    return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EBADF;
+}
+
+} // namespace
 
 TargetFile::TargetFile(const QString& name, bool replaceWhole)
     : m_replaceWhole(replaceWhole && (!QFileInfo::exists(name) || QFileInfo(name).isFile())),
-      m_name(name),
-      m_file(name),
-      m_temporaryFile(name + QStringLiteral(".XXXXXX"))
+      m_name(QFile::encodeName(name)),
+      m_file(name)
 {
     // Room for a full spill and the largest usual write after it; the
     // reservation keeps the memory when the buffer is emptied.
     m_pending.reserve(2 * SpillSize);
     m_buffer.setBuffer(&m_pending);
+}
+
+TargetFile::~TargetFile()
+{
+    m_file.close();
+    if (!m_temporaryName.isEmpty())
+        ::unlink(m_temporaryName.constData());
 }
 
 bool TargetFile::open(QIODevice::OpenMode mode)
@@ -24,19 +48,27 @@ bool TargetFile::open(QIODevice::OpenMode mode)
         if (!m_file.open(mode))
             return false;
     } else {
-        // Made with permissions for the owner only, until it has its own.
-        if (!m_temporaryFile.open())
+        // Made beside the file under a name of its own, with permissions for
+        // the owner only until it has those of the file it replaces.
+        QByteArray name = m_name + ".XXXXXX";
+        const int descriptor = ::mkostemp(name.data(), O_CLOEXEC);
+        if (descriptor == -1)
             return false;
+        m_temporaryName = name;
+        if (!m_file.open(descriptor, mode, QFileDevice::AutoCloseHandle)) {
+            ::close(descriptor);
+            return false;
+        }
         mode_t permissions = 0;
         struct stat existing;
-        if (::stat(QFile::encodeName(m_name).constData(), &existing) == 0) {
+        if (::stat(m_name.constData(), &existing) == 0) {
             permissions = existing.st_mode & 07777;
         } else {
             const mode_t mask = ::umask(0);
             ::umask(mask);
             permissions = 0666 & ~mask;
         }
-        if (::fchmod(m_temporaryFile.handle(), permissions) != 0)
+        if (::fchmod(descriptor, permissions) != 0)
             return false;
     }
     return m_buffer.open(QIODevice::WriteOnly);
@@ -47,42 +79,73 @@ QIODevice& TargetFile::device()
     return m_buffer;
 }
 
-QFileDevice& TargetFile::file()
-{
-    if (m_replaceWhole)
-        return m_temporaryFile;
-    return m_file;
-}
-
 void TargetFile::writePending()
 {
     if (!m_writeFailed && !m_pending.isEmpty())
-        m_writeFailed = file().write(m_pending) != m_pending.size();
+        m_writeFailed = m_file.write(m_pending) != m_pending.size();
     m_pending.resize(0);
     m_buffer.seek(0);
+}
+
+void TargetFile::append(QFile& source)
+{
+    writePending();
+    if (m_writeFailed)
+        return;
+    // Nothing may stay in the file's own buffer: the copy writes after it.
+    if (!m_file.flush()) {
+        m_writeFailed = true;
+        return;
+    }
+    bool copied = false;
+    for (;;) {
+        const ssize_t size =
+            ::copy_file_range(source.handle(), nullptr, m_file.handle(), nullptr, KernelCopyPiece, 0);
+        if (size > 0) {
+            copied = true;
+            continue;
+        }
+        if (size == 0)
+            return;
+        if (errno == EINTR)
+            continue;
+        if (copied || !kernelCopyRefused(errno)) {
+            m_writeFailed = true;
+            return;
+        }
+        break;
+    }
+    appendByPieces(source);
+}
+
+void TargetFile::appendByPieces(QFile& source)
+{
+    QByteArray piece(1 << 16, Qt::Uninitialized);
+    for (qint64 size = source.read(piece.data(), piece.size()); size > 0;
+         size = source.read(piece.data(), piece.size())) {
+        m_buffer.write(piece.constData(), size);
+        spill();
+    }
+    if (source.error() != QFileDevice::NoError)
+        m_writeFailed = true;
 }
 
 bool TargetFile::flush()
 {
     writePending();
-    return !m_writeFailed && file().flush() && file().error() == QFileDevice::NoError;
+    return !m_writeFailed && m_file.flush() && m_file.error() == QFileDevice::NoError;
 }
 
 bool TargetFile::commit()
 {
-    if (m_replaceWhole) {
-        const bool written = flush();
-        m_temporaryFile.close();
-        if (!written || m_temporaryFile.error() != QFileDevice::NoError)
-            return false;
-        if (std::rename(QFile::encodeName(m_temporaryFile.fileName()).constData(),
-                        QFile::encodeName(m_name).constData())
-            != 0)
-            return false;
-        m_temporaryFile.setAutoRemove(false);
-        return true;
-    }
     const bool written = flush();
     m_file.close();
-    return written && m_file.error() == QFileDevice::NoError;
+    if (!written || m_file.error() != QFileDevice::NoError)
+        return false;
+    if (!m_replaceWhole)
+        return true;
+    if (std::rename(m_temporaryName.constData(), m_name.constData()) != 0)
+        return false;
+    m_temporaryName.clear();
+    return true;
 }

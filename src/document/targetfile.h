@@ -4,7 +4,6 @@
 #include <QBuffer>
 #include <QByteArray>
 #include <QFile>
-#include <QTemporaryFile>
 #include <QString>
 
 // Writes one file of the run. Replaced as a whole, it is written to a
@@ -25,6 +24,11 @@ class TargetFile
 public:
     // Names the file; replaceWhole asks for the replacement by renaming.
     TargetFile(const QString& name, bool replaceWhole);
+    // Removes the temporary file of a replacement that was not committed.
+    ~TargetFile();
+
+    TargetFile(const TargetFile&) = delete;
+    TargetFile& operator=(const TargetFile&) = delete;
 
     // Opens the file (or its temporary file) for writing; false on failure.
     bool open(QIODevice::OpenMode mode);
@@ -39,6 +43,12 @@ public:
             writePending();
     }
 
+    // Appends the rest of an open file: what has collected goes out first,
+    // then the file's bytes, copied by the kernel from file to file where
+    // the two allow it, else read and written in pieces. A failure counts
+    // as a failed write.
+    void append(QFile& source);
+
     // Writes out what is buffered; false when any write so far failed.
     bool flush();
 
@@ -50,15 +60,16 @@ public:
 private:
     static constexpr int SpillSize = 1 << 20;
 
-    QFileDevice& file();
     // Writes the collected bytes to the file and empties the buffer; a write
     // that fails is remembered, and nothing more goes to the file after it.
     void writePending();
+    // Appends the rest of a file through the buffer.
+    void appendByPieces(QFile& source);
 
     bool m_replaceWhole;
-    QString m_name;
-    QFile m_file;
-    QTemporaryFile m_temporaryFile;
+    QByteArray m_name;          // the file's name, encoded for the system
+    QByteArray m_temporaryName; // a replacement's temporary file, until renamed
+    QFile m_file;               // the file written: the named or the temporary one
     QByteArray m_pending;
     QBuffer m_buffer;
     bool m_writeFailed = false;

@@ -100,7 +100,7 @@ QList<int> sortedStyles(const QSet<int>& styles)
 
 } // namespace
 
-void Fonts::writeFontResources(QIODevice& out) const
+void Fonts::writeFontResources(QIODevice& out, const FileAppender& append) const
 {
     // Marker styles and fonts are iterated in sorted order so that the output
     // is the same on every run.
@@ -130,7 +130,10 @@ void Fonts::writeFontResources(QIODevice& out) const
         }
         if (!m_conflictingDocumentFonts.contains(font)) {
             out.write(BeginFontResource + font.toLatin1() + '\n');
-            copyFile(file, out);
+            if (append)
+                append(file);
+            else
+                copyFile(file, out);
         } else {
             const QString newName = substituteName(font, m_identicalDocumentFonts);
             substituteFontNames.insert(font, newName);

@@ -8,10 +8,12 @@
 #include <QStringList>
 
 #include <array>
+#include <functional>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
+class QFile;
 class QIODevice;
 
 // Names of the four composite marker fonts, by marker font style id.
@@ -126,9 +128,14 @@ public:
     void setIdenticalDocumentFonts(const QStringList& fonts) { m_identicalDocumentFonts = fonts; }
     void setConflictingDocumentFonts(const QStringList& fonts) { m_conflictingDocumentFonts = fonts; }
 
+    // Appends the rest of an open file to the output.
+    using FileAppender = std::function<void(QFile& file)>;
+
     // Writes the font programs, encodings, re-encoded base fonts and
-    // composite marker fonts.
-    void writeFontResources(QIODevice& out) const;
+    // composite marker fonts. A font program that goes out unchanged is
+    // handed to append when one is given (the output may copy it faster),
+    // else copied to out.
+    void writeFontResources(QIODevice& out, const FileAppender& append = {}) const;
 
     // --- Font procedures -----------------------------------------------------
 

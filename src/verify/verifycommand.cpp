@@ -14,7 +14,6 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
-#include <QLibraryInfo>
 
 #include <cstdio>
 
@@ -123,9 +122,7 @@ int verifyMain(int argc, char* argv[])
     QCoreApplication::setApplicationName(QStringLiteral("quillet-verify"));
     QCoreApplication::setApplicationVersion(QStringLiteral("29.29"));
 
-    loadTranslation(application, QStringLiteral("qtbase"),
-                    QLibraryInfo::location(QLibraryInfo::TranslationsPath));
-    loadTranslation(application, QStringLiteral("quillet"), QLatin1String(TranslationsDir));
+    loadTranslations(application);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(verifyText(
