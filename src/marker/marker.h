@@ -169,6 +169,8 @@ private:
     using Plan = QVector<Placement>;
 
     Plan planFor(const MarkerPositionMap& strings) const;
+    // The plan of a page type's strings, made on first use.
+    Plan& planOf(int pageType);
     Placement placement(int position, const MarkerStringList& strings) const;
     void drawPlan(QIODevice& out, Plan& plan, bool fonarik, bool landscape);
     void drawPlacement(QIODevice& out, Placement& placement);

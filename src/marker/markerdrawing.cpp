@@ -387,22 +387,14 @@ void MarkerBlocks::drawMarker(QIODevice& out, int page, bool lastPage)
     if (!m_landscapeFlags.isEmpty() && page >= 1)
         landscape = m_landscapeFlags.at(page <= m_landscapeFlags.size() ? page - 1 : 0) == QLatin1String("1");
 
-    const int type = m_marker.pageTypeFor(page, lastPage);
-    auto plan = m_plans.find(type);
-    if (plan == m_plans.end())
-        plan = m_plans.insert(type, planFor(m_marker.strings().value(type)));
-    drawPlan(out, *plan, false, landscape);
+    drawPlan(out, planOf(m_marker.pageTypeFor(page, lastPage)), false, landscape);
 }
 
 void MarkerBlocks::drawFonarik(QIODevice& out, int count)
 {
     const bool landscape =
         Variables::instance().value(QStringLiteral("LANDSCAPE")).startsWith(QLatin1Char('1'));
-    const int type = m_marker.fonarikTypeFor(count);
-    auto plan = m_plans.find(type);
-    if (plan == m_plans.end())
-        plan = m_plans.insert(type, planFor(m_marker.strings().value(type)));
-    drawPlan(out, *plan, true, landscape);
+    drawPlan(out, planOf(m_marker.fonarikTypeFor(count)), true, landscape);
 }
 
 void MarkerBlocks::drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape)
@@ -461,6 +453,14 @@ MarkerBlocks::Plan MarkerBlocks::planFor(const MarkerPositionMap& strings) const
             plan.append(placed);
     }
     return plan;
+}
+
+MarkerBlocks::Plan& MarkerBlocks::planOf(int pageType)
+{
+    auto plan = m_plans.find(pageType);
+    if (plan == m_plans.end())
+        plan = m_plans.insert(pageType, planFor(m_marker.strings().value(pageType)));
+    return *plan;
 }
 
 const QByteArray& MarkerBlocks::opening(bool fonarik, bool landscape)
