@@ -2,6 +2,7 @@
 #include "backend/jobvariables.h"
 
 #include "pagecode/pagecoder.h"
+#include "settings/variables.h"
 
 #include <QMap>
 
@@ -23,9 +24,9 @@ const QStringList& reservedVariableKeys()
                                      QStringLiteral("TIME"),
                                      QStringLiteral("NUM_PAGES"),
                                      QStringLiteral("NUM_PAGES_CONTINUOUS"),
-                                     QStringLiteral("CURRENT_PAGE"),
-                                     QStringLiteral("CURRENT_PAGE_CONTINUOUS"),
-                                     QStringLiteral("PAGE_CODE"),
+                                     QLatin1String(PageKeys::CurrentPage),
+                                     QLatin1String(PageKeys::CurrentPageContinuous),
+                                     QLatin1String(PageKeys::PageCode),
                                      QLatin1String(PageCoder::KeySetting),
                                      QLatin1String(PageCoder::JobKeySetting)};
     return keys;
