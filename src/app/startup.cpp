@@ -136,10 +136,6 @@ Status run(const QString& input, const QString& templateFile, const QString& var
     return Quillet().process(input, templateFile, variablesFile, output, duplex);
 }
 
-} // namespace
-
-namespace {
-
 // Installs a translator for the system locale from "<baseName>_<locale>" in
 // the directory; nothing happens when there is none.
 void loadTranslation(QCoreApplication& application, const QString& baseName, const QString& directory)

@@ -8,9 +8,9 @@
 #include <QStringList>
 
 #include <array>
-#include <functional>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 class QFile;
