@@ -11,14 +11,6 @@
 
 namespace {
 
-void setVariables(const QStringList& pairs)
-{
-    for (const QString& pair : pairs) {
-        const int equals = pair.indexOf(QLatin1Char('='));
-        Variables::instance().insert(pair.left(equals), pair.mid(equals + 1));
-    }
-}
-
 // The per-page keys for a page. The catalogue stays uninitialised, so every
 // character is encoded alike: the values differ in length from page to page
 // for a stale text to show.

@@ -186,14 +186,6 @@ QByteArray namedOutput(int position, const MarkerStringList& strings)
     return buffer.data();
 }
 
-void setVariables(const QStringList& pairs)
-{
-    for (const QString& pair : pairs) {
-        const int equals = pair.indexOf(QLatin1Char('='));
-        Variables::instance().insert(pair.left(equals), pair.mid(equals + 1));
-    }
-}
-
 QByteArray commonVariablesOutput(bool fonarik, bool landscape)
 {
     QBuffer buffer;

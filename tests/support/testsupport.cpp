@@ -3,6 +3,7 @@
 
 #include "common/paths.h"
 #include "marker/marker.h"
+#include "settings/variables.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -263,6 +264,14 @@ void readMarkerTemplate(const QByteArray& content)
     buffer.setData(content);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
     Marker::instance().readTemplate(buffer);
+}
+
+void setVariables(const QStringList& pairs)
+{
+    for (const QString& pair : pairs) {
+        const int equals = pair.indexOf(QLatin1Char('='));
+        Variables::instance().insert(pair.left(equals), pair.mid(equals + 1));
+    }
 }
 
 QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray& size)

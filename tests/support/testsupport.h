@@ -140,6 +140,9 @@ bool runTool(const QString& workingDirectory, const QString& program, const QStr
 // Reads a marker template from memory into Marker::instance().
 void readMarkerTemplate(const QByteArray& content);
 
+// Inserts "key=value" pairs into Variables::instance().
+void setVariables(const QStringList& pairs);
+
 // The underline position and thickness procedures that the filter writes for
 // marker font `font` at `size`, spelled out as the expected output.
 QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray& size);
