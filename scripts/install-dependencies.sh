@@ -1,5 +1,6 @@
 #!/bin/bash
-# Installs the Debian packages that quillet needs to build. With --example,
+# Installs the Debian packages that quillet needs to build and that its
+# print queue backend runs (bubblewrap, Ghostscript, Poppler). With --example,
 # also Ghostscript to render the example job; with --tests, also the tools
 # that the test suite drives (Ghostscript, Poppler, document makers, and the
 # CUPS print server with its client programs and filters, which the print
@@ -14,6 +15,11 @@ build_packages=(
     qtbase5-dev qttools5-dev qttools5-dev-tools
     t1utils fonts-urw-base35
     libcups2-dev
+)
+# What the print queue's backend runs on every job: the per-job sandbox, and
+# Ghostscript and Poppler's Cairo converter as the trusted interpreter.
+runtime_packages=(
+    bubblewrap ghostscript poppler-utils
 )
 test_packages=(
     ghostscript poppler-utils
@@ -34,7 +40,7 @@ fuzz_packages=(
     util-linux mount
 )
 
-packages=("${build_packages[@]}")
+packages=("${build_packages[@]}" "${runtime_packages[@]}")
 case "${1:-}" in
     --example) packages+=(ghostscript) ;;
     --tests) packages+=("${test_packages[@]}") ;;

@@ -1,6 +1,9 @@
-// The backend's run: check the job and the queue, mark every copy as the
-// marking account, then hand one stream of marked copies to the real backend.
-// Every refusal sends nothing to the device.
+// The backend's run, stage by stage: configure (the device, the queue and
+// its set-up checks), receive the job, check it, normalise it with the
+// trusted interpreter, mark every copy, prove the marked stream, send it to
+// the real backend; every stage ends in the audit line. Each step of the
+// job's untrusted work runs in a sandbox of its own. Every refusal sends
+// nothing to the device.
 #include "backend/backend.h"
 
 #include "backend/childprocess.h"
@@ -8,11 +11,12 @@
 #include "backend/jobvariables.h"
 #include "backend/pagesize.h"
 #include "backend/postscriptjob.h"
+#include "backend/printersetup.h"
+#include "backend/queuecheck.h"
 #include "backend/queuesettings.h"
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "pagecode/pagecoder.h"
-#include "settings/definitionsfile.h"
 #include "settings/variables.h"
 
 #include <QDir>
@@ -65,9 +69,10 @@ void message(const QString& line)
 
 // The job's private folders, removed when the run ends: a folder only root
 // may list (mode 0711) for what the backend keeps to itself (the received
-// document, quillet's messages, the stream), and in it a folder owned by the
-// marking account (mode 0700) for what quillet reads and writes. The backend
-// writes into and reads from the marking folder without following links.
+// document, the marked stream, the steps' messages), and in it, under names
+// that cannot be guessed, one folder per sandboxed step, owned by the marking
+// account (mode 0700): what the step writes. The backend reads from a step's
+// folder without following links.
 class WorkFolder
 {
   public:
@@ -77,31 +82,36 @@ class WorkFolder
             QDir(m_path).removeRecursively();
     }
 
-    // Creates the folders below `parent`; false with errno set on failure.
-    bool create(const QString& parent, uid_t uid, gid_t gid)
+    // Creates the folder below `parent`; false with errno set on failure.
+    bool create(const QString& parent)
     {
         QByteArray pattern = QFile::encodeName(parent) + "/quillet-XXXXXX";
         if (!mkdtemp(pattern.data()))
             return false;
         m_path = QFile::decodeName(pattern);
-        const QByteArray marking = pattern + "/marking";
-        return chmod(pattern.constData(), 0711) == 0 && mkdir(marking.constData(), 0700) == 0 &&
-               chown(marking.constData(), uid, gid) == 0;
+        return chmod(pattern.constData(), 0711) == 0;
+    }
+
+    // Creates the folder of one step, owned by the marking account; empty
+    // with errno set on failure.
+    QString createStep(const QString& name, uid_t uid, gid_t gid) const
+    {
+        QByteArray pattern = QFile::encodeName(file(name)) + "-XXXXXX";
+        if (!mkdtemp(pattern.data()) || chown(pattern.constData(), uid, gid) != 0)
+            return QString();
+        return QFile::decodeName(pattern);
     }
 
     // A file of the backend's own.
     QString file(const QString& name) const { return m_path + QLatin1Char('/') + name; }
-    // A file of the marking folder.
-    QString marking(const QString& name) const { return m_path + QStringLiteral("/marking/") + name; }
-    QString markingPath() const { return m_path + QStringLiteral("/marking"); }
 
   private:
     QString m_path;
 };
 
-// Opens a regular file of the marking folder for reading, without following
-// a link that the marking account may have put in its place.
-bool openMarkingFile(QFile& file, const QString& path)
+// Opens a regular file that a sandboxed step wrote, without following a
+// link that the step may have put in its place.
+bool openStepFile(QFile& file, const QString& path)
 {
     const int fd = open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     struct stat info;
@@ -113,19 +123,33 @@ bool openMarkingFile(QFile& file, const QString& path)
     return file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
 }
 
-// The site's page-code key file as the marker definitions name it (the
-// file quillet reads them from); empty when they name none or cannot be read,
-// and quillet then refuses the job itself.
-QString definedPageCodeKey()
+// The trusted interpreter's two programs: Ghostscript renders the user's
+// PostScript (standard input) into a PDF of flat pages, each page in its own
+// geometry (no turning of pages by their text); Cairo writes those pages as
+// PostScript of its own making, keeping each page's size.
+QList<QByteArray> renderToPdfCommand(const QString& pdf)
 {
-    QFile definitions(markerDefinitionsFile());
-    if (!definitions.open(QIODevice::ReadOnly))
-        return QString();
-    Variables& store = Variables::instance();
-    store.clear();
-    store.read(definitions);
-    return store.value(QLatin1String(PageCoder::KeySetting));
+    return {GhostscriptPath, "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-dAutoRotatePages=/None",
+            "-sDEVICE=pdfwrite", "-sOutputFile=" + QFile::encodeName(pdf), "-"};
 }
+
+QList<QByteArray> pagesToPostScriptCommand(const QString& pdf, const QString& postscript)
+{
+    return {PdftocairoPath, "-ps", "-origpagesizes", QFile::encodeName(pdf), QFile::encodeName(postscript)};
+}
+
+// The proof: Ghostscript runs the marked stream (standard input) on its
+// bounding-box device, which reports every sheet it shows on standard error.
+QList<QByteArray> proofCommand()
+{
+    return {GhostscriptPath, "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=bbox", "-"};
+}
+// The line the bounding-box device writes for every sheet.
+const char ProofSheetLine[] = "%%HiResBoundingBox:";
+
+// The start of the stream sent to the printer, before the printer's set-up
+// code and the marked copies.
+const char StreamHeader[] = "%!PS-Adobe-3.0\n";
 
 // One job from the backend's arguments and environment to its exit status.
 class JobRun
@@ -137,30 +161,55 @@ class JobRun
     int execute();
 
   private:
+    // The stages of a job, in order. Each returns false with *error set
+    // (or on cancellation); nothing reaches the device before send().
+    bool configure(QString* error);
+    bool receive(QString* error);
+    bool check(QString* error);
+    bool normalise(QString* error);
+    bool mark(QString* error);
+    bool prove(QString* error);
+    int send();
+
+    int stopped(const QString& error);
     int refuse(const QString& reason);
     int cancelled();
     void audit(const QString& outcome) const;
 
     bool resolveAccount(QString* error);
-    bool receiveDocument(const QString& target, QString* error);
-    // Creates a file in the marking folder, owned by the marking account.
+    // Creates a file of the backend's folder owned by the marking account,
+    // for a step to read.
     bool createForMarking(QFile& file, const QString& path);
     bool writeForMarking(const QString& path, const QByteArray& content);
     bool handOverPageCodeKey(QString* error);
+    // Runs one program in a sandbox of this job as the marking account;
+    // `name` says in messages what it is. Its messages go to the log as
+    // DEBUG lines, and *firstError receives the first of them.
+    bool runSandboxed(const QString& name, const SandboxSpec& spec, const QList<QByteArray>& program,
+                      int input, const QString& messages, QString* error);
+    SandboxSpec sandboxSpec(const QString& stepFolder) const;
     bool markCopy(int copy, QString* error);
     bool buildStream(QString* error);
+    qint64 sheetsPerCopy() const;
     ChildCommand realBackendCommand(const QString& program, int input) const;
 
     QList<QByteArray> m_argv;
     JobFacts m_job;
     QString m_queue;
     RealDevice m_device;
+    QString m_realBackend;
     QueueSettings m_settings;
+    QByteArray m_template;
+    DefinitionsState m_definitions;
+    PrinterSetup m_printerSetup;
     ServerAccount m_server;
     uid_t m_uid = 0;
     gid_t m_gid = 0;
     QString m_account;
     WorkFolder m_folder;
+    // The document that quillet marks, and the step folder of the marking.
+    QString m_flatDocument;
+    QString m_markingFolder;
     QString m_label;
     qint64 m_pages = 0;
     // Whether quillet added the accounting stamp's page to every copy.
@@ -181,6 +230,15 @@ JobRun::JobRun(int argc, char* argv[])
     m_job.printer = m_queue;
 }
 
+int JobRun::execute()
+{
+    QString error;
+    if (!configure(&error) || !receive(&error) || !check(&error) || !normalise(&error) || !mark(&error) ||
+        !prove(&error))
+        return stopped(error);
+    return send();
+}
+
 void JobRun::audit(const QString& outcome) const
 {
     message(
@@ -191,6 +249,11 @@ void JobRun::audit(const QString& outcome) const
             .arg(m_job.copies)
             .arg(m_sent)
             .arg(outcome));
+}
+
+int JobRun::stopped(const QString& error)
+{
+    return cancelRequested() ? cancelled() : refuse(error);
 }
 
 int JobRun::refuse(const QString& reason)
@@ -215,21 +278,71 @@ int JobRun::cancelled()
     return RefusedJobStatus;
 }
 
-bool JobRun::resolveAccount(QString* error)
+// The device, the queue's configuration, the set-up checks, the marking
+// account and the job's folder.
+bool JobRun::configure(QString* error)
 {
-    m_account = m_settings.markingUser.isEmpty() ? m_server.user : m_settings.markingUser;
-    const QByteArray name = m_account.toLocal8Bit();
-    const passwd* entry = getpwnam(name.constData());
-    if (!entry) {
-        *error = QStringLiteral("the marking account \"%1\" does not exist").arg(m_account);
+    const QByteArray deviceUri =
+        qEnvironmentVariableIsSet("DEVICE_URI") ? qgetenv("DEVICE_URI") : m_argv.at(0);
+    m_device = realDevice(QString::fromUtf8(deviceUri));
+    if (!m_device.error.isEmpty()) {
+        *error = m_device.error;
         return false;
     }
-    m_uid = entry->pw_uid;
-    m_gid = entry->pw_gid;
+    const QString serverRoot = qEnvironmentVariableIsSet("CUPS_SERVERROOT")
+                                   ? environmentValue("CUPS_SERVERROOT")
+                                   : QLatin1String(CupsServerRoot);
+    const QString serverBin = qEnvironmentVariableIsSet("CUPS_SERVERBIN") ? environmentValue("CUPS_SERVERBIN")
+                                                                          : QLatin1String(CupsServerBin);
+    m_realBackend = serverBin + QStringLiteral("/backend/") + m_device.scheme;
+    if (!QFileInfo(m_realBackend).isExecutable()) {
+        *error = QStringLiteral("the device URI names the scheme \"%1\", for which there is no backend %2")
+                     .arg(m_device.scheme, m_realBackend);
+        return false;
+    }
+
+    m_server = readServerAccount(serverRoot);
+    m_settings = readQueueSettings(serverRoot, m_queue);
+    m_label = securityLabel(m_settings.variables);
+    const QString queueFolder = serverRoot + QLatin1Char('/') + QLatin1String(QueueConfigFolder);
+    if (!m_settings.error.isEmpty()) {
+        *error = m_settings.error;
+        return false;
+    }
+    if (m_settings.templateFile.isEmpty()) {
+        *error = QStringLiteral("the queue has no template (%1/%2.tmpl or default.tmpl)").arg(queueFolder, m_queue);
+        return false;
+    }
+    QFile templateFile(m_settings.templateFile);
+    if (!templateFile.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read the template %1").arg(m_settings.templateFile);
+        return false;
+    }
+    m_template = templateFile.readAll();
+    m_definitions = readDefinitions();
+    *error = markingSetupProblem(queueFolder, m_queue, m_settings, m_template, m_definitions);
+    if (!error->isEmpty())
+        return false;
+    m_printerSetup = printerSetup(environmentValue("PPD"), m_argv.at(5), m_settings.duplexBackPages);
+    if (!m_printerSetup.error.isEmpty()) {
+        *error = m_printerSetup.error;
+        return false;
+    }
+
+    if (!resolveAccount(error))
+        return false;
+    const QString temporary =
+        qEnvironmentVariableIsSet("TMPDIR") ? environmentValue("TMPDIR") : QStringLiteral("/tmp");
+    if (!m_folder.create(temporary)) {
+        *error = QStringLiteral("cannot make a work folder in %1: %2")
+                     .arg(temporary, QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
     return true;
 }
 
-bool JobRun::receiveDocument(const QString& target, QString* error)
+// The document as the print server's filters left it.
+bool JobRun::receive(QString* error)
 {
     int input = 0;
     if (m_argv.size() == 7) {
@@ -240,7 +353,7 @@ bool JobRun::receiveDocument(const QString& target, QString* error)
             return false;
         }
     }
-    QFile output(target);
+    QFile output(m_folder.file(QStringLiteral("job.data")));
     bool ok = output.open(QIODevice::WriteOnly | QIODevice::Truncate);
     char buffer[65536];
     while (ok) {
@@ -257,14 +370,207 @@ bool JobRun::receiveDocument(const QString& target, QString* error)
     }
     if (input != 0)
         close(input);
-    if (!ok && !cancelRequested())
+    ok = ok && output.flush();
+    if (!ok)
         *error = QStringLiteral("cannot receive the job's document");
-    return ok && output.flush();
+    return ok;
+}
+
+// The document must be PostScript; the print server's copy request is taken
+// back to one copy, and copies that the filters repeated are refused.
+bool JobRun::check(QString* error)
+{
+    QFile document(m_folder.file(QStringLiteral("job.data")));
+    if (!document.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read the received document");
+        return false;
+    }
+    if (!looksLikePostScript(document.peek(HeadSize))) {
+        *error = QStringLiteral("the document is not PostScript (raw or binary data cannot be marked)");
+        return false;
+    }
+    QFile oneCopy;
+    int streamCopies = -1;
+    if (!createForMarking(oneCopy, m_folder.file(QStringLiteral("document.ps"))) ||
+        !copyAsOneCopy(document, oneCopy, &streamCopies) || !oneCopy.flush()) {
+        *error = QStringLiteral("cannot prepare the document for marking");
+        return false;
+    }
+    // pstops repeats the pages itself for collated copies on a printer
+    // without a Collate option, and for PPDs with manual copies; those
+    // copies could not be numbered.
+    if (streamCopies == 1 && m_job.copies > 1) {
+        *error = QStringLiteral("the print server's filters repeated the %1 copies in the document "
+                                "(collated copies on a printer without a Collate option): "
+                                "print with -o collate=false or give the queue a PPD with a Collate option")
+                     .arg(m_job.copies);
+        return false;
+    }
+
+    const QString ppdFile = environmentValue("PPD");
+    QFile ppd(ppdFile);
+    const PaperSize paper = jobPaperSize(
+        !ppdFile.isEmpty() && ppd.open(QIODevice::ReadOnly) ? ppd.readAll() : QByteArray(), m_job.options);
+    m_job.pageFormat = paper.name;
+    m_job.deviceWidth = paper.width;
+    m_job.deviceHeight = paper.height;
+    // Rendered pages carry their orientation in their own geometry: the
+    // marks then stand upright on the sheet.
+    m_job.landscape = !m_settings.trustedInterpreter && isLandscape(m_job.options);
+    return true;
+}
+
+// The trusted interpreter: the user's program runs once, in the job's
+// sandbox, and what is marked is the flat pages it drew, written anew. No
+// code of the document reaches quillet or the printer.
+bool JobRun::normalise(QString* error)
+{
+    if (!m_settings.trustedInterpreter) {
+        m_flatDocument = m_folder.file(QStringLiteral("document.ps"));
+        return true;
+    }
+    const QString step = m_folder.createStep(QStringLiteral("render"), m_uid, m_gid);
+    if (step.isEmpty()) {
+        *error = QStringLiteral("cannot make the folder of the document's rendering");
+        return false;
+    }
+    const int document =
+        open(QFile::encodeName(m_folder.file(QStringLiteral("document.ps"))).constData(), O_RDONLY | O_CLOEXEC);
+    if (document < 0) {
+        *error = QStringLiteral("cannot read the document for rendering");
+        return false;
+    }
+    const QString pdf = sandboxOutput(QStringLiteral("pages.pdf"));
+    const bool rendered = runSandboxed(QStringLiteral("the interpreter"), sandboxSpec(step),
+                                       renderToPdfCommand(pdf), document,
+                                       m_folder.file(QStringLiteral("render.err")), error);
+    close(document);
+    if (!rendered) {
+        if (!error->isEmpty())
+            error->prepend(QStringLiteral("the document cannot be rendered: "));
+        return false;
+    }
+    if (!runSandboxed(QStringLiteral("the page writer"), sandboxSpec(step),
+                      pagesToPostScriptCommand(pdf, sandboxOutput(QStringLiteral("pages.ps"))), -1,
+                      m_folder.file(QStringLiteral("pages.err")), error))
+        return false;
+    m_flatDocument = step + QStringLiteral("/pages.ps");
+    QFile flat;
+    if (!openStepFile(flat, m_flatDocument) || flat.size() == 0) {
+        *error = QStringLiteral("the document's rendering left no pages");
+        return false;
+    }
+    return true;
+}
+
+// Every copy is marked, in the job's sandbox, before the first byte goes out.
+bool JobRun::mark(QString* error)
+{
+    m_markingFolder = m_folder.createStep(QStringLiteral("marking"), m_uid, m_gid);
+    if (m_markingFolder.isEmpty()) {
+        *error = QStringLiteral("cannot make the marking folder");
+        return false;
+    }
+    if (!writeForMarking(m_folder.file(QStringLiteral("marker.tmpl")), m_template)) {
+        *error = QStringLiteral("cannot copy the template for marking");
+        return false;
+    }
+    if (!handOverPageCodeKey(error))
+        return false;
+    for (int copy = 1; copy <= m_job.copies; ++copy) {
+        if (!markCopy(copy, error))
+            return false;
+    }
+    return true;
+}
+
+// Before the first byte: the stream that would be sent runs to its end on
+// the server, without a PostScript error, and shows exactly the sheets that
+// the marked copies hold.
+bool JobRun::prove(QString* error)
+{
+    if (!buildStream(error))
+        return false;
+    const QString step = m_folder.createStep(QStringLiteral("proof"), m_uid, m_gid);
+    const int stream =
+        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
+    if (step.isEmpty() || stream < 0) {
+        if (stream >= 0)
+            close(stream);
+        *error = QStringLiteral("cannot prepare the proof of the marked stream");
+        return false;
+    }
+    const QString report = m_folder.file(QStringLiteral("proof.err"));
+    QString failure;
+    const bool ran = runSandboxed(QStringLiteral("the proof"), sandboxSpec(step), proofCommand(), stream, report,
+                                  &failure);
+    close(stream);
+    if (!ran) {
+        *error = QStringLiteral("the marked stream does not print cleanly (%1)").arg(failure);
+        return false;
+    }
+    QFile reportFile(report);
+    qint64 sheets = 0;
+    if (reportFile.open(QIODevice::ReadOnly)) {
+        for (const QByteArray& line : reportFile.readAll().split('\n'))
+            sheets += line.startsWith(ProofSheetLine) ? 1 : 0;
+    }
+    const qint64 expected = sheetsPerCopy() * m_job.copies;
+    if (sheets != expected) {
+        *error = QStringLiteral("the marked stream shows %1 sheets where its marked copies hold %2")
+                     .arg(sheets)
+                     .arg(expected);
+        return false;
+    }
+    return true;
+}
+
+int JobRun::send()
+{
+    const int stream =
+        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
+    if (stream < 0)
+        return refuse(QStringLiteral("cannot read the marked stream"));
+    const ChildResult result = runChild(realBackendCommand(m_realBackend, stream));
+    close(stream);
+    if (result.cancelled)
+        return cancelled();
+    if (!result.started)
+        return refuse(QStringLiteral("cannot run the backend %1: %2").arg(m_realBackend, result.error));
+    if (result.exitStatus != BackendOk) {
+        const int status = result.exitStatus > 0 ? result.exitStatus : BackendFailed;
+        audit(QStringLiteral("device-failed status=%1").arg(status));
+        return status;
+    }
+    m_sent = sheetsPerCopy() * m_job.copies;
+    message(QStringLiteral("ATTR: job-impressions=%1").arg(m_sent));
+    message(QStringLiteral("PAGE: total %1").arg(m_sent));
+    audit(QStringLiteral("marked-and-sent"));
+    return BackendOk;
+}
+
+qint64 JobRun::sheetsPerCopy() const
+{
+    return m_settings.duplexBackPages ? 2 * m_pages : m_pages + (m_stampPage ? 1 : 0);
+}
+
+bool JobRun::resolveAccount(QString* error)
+{
+    m_account = m_settings.markingUser.isEmpty() ? m_server.user : m_settings.markingUser;
+    const QByteArray name = m_account.toLocal8Bit();
+    const passwd* entry = getpwnam(name.constData());
+    if (!entry) {
+        *error = QStringLiteral("the marking account \"%1\" does not exist").arg(m_account);
+        return false;
+    }
+    m_uid = entry->pw_uid;
+    m_gid = entry->pw_gid;
+    return true;
 }
 
 bool JobRun::createForMarking(QFile& file, const QString& path)
 {
-    // A new file only: nothing the marking account left there is followed.
+    // A new file only, readable by the marking account alone.
     const int fd =
         open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
@@ -283,10 +589,14 @@ bool JobRun::writeForMarking(const QString& path, const QByteArray& content)
 }
 
 // The site key stays with root: the marking account gets a key file of this
-// job alone in its folder, and the variables name it.
+// job alone, and the variables name it as the sandbox shows it.
 bool JobRun::handOverPageCodeKey(QString* error)
 {
-    const QString siteKeyFile = definedPageCodeKey();
+    QString siteKeyFile;
+    for (const auto& pair : m_definitions.values) {
+        if (pair.first == QLatin1String(PageCoder::KeySetting))
+            siteKeyFile = pair.second;
+    }
     if (siteKeyFile.isEmpty())
         return true;
     PageCodeKey site;
@@ -307,51 +617,54 @@ bool JobRun::handOverPageCodeKey(QString* error)
         return false;
     }
     site.forJob(id, &jobKey); // a site key derives the key of every job
-    const QString path = m_folder.marking(QStringLiteral("page-code.key"));
-    if (!writeForMarking(path, jobKey.toText())) {
+    if (!writeForMarking(m_folder.file(QStringLiteral("page-code.key")), jobKey.toText())) {
         *error = QStringLiteral("cannot write the job's page-code key for marking");
         return false;
     }
-    m_job.pageCodeKeyFile = path;
+    m_job.pageCodeKeyFile = sandboxInput(QStringLiteral("page-code.key"));
     return true;
 }
 
-bool JobRun::markCopy(int copy, QString* error)
+SandboxSpec JobRun::sandboxSpec(const QString& stepFolder) const
 {
-    const QString number = QString::number(copy);
-    const QString variables = m_folder.marking(QStringLiteral("copy-%1.vars").arg(number));
-    const QString output = m_folder.marking(QStringLiteral("copy-%1.ps").arg(number));
-    const QString errors = m_folder.file(QStringLiteral("copy-%1.err").arg(number));
-    if (!writeForMarking(variables, jobVariables(m_job, m_settings, copy))) {
-        *error = QStringLiteral("cannot write the variables of copy %1").arg(copy);
-        return false;
-    }
+    SandboxSpec spec;
+    spec.outputFolder = stepFolder;
+    spec.network = m_settings.directoryLookups;
+    spec.systemPaths = m_settings.sandboxFolders;
+    if (!m_definitions.file.isEmpty())
+        spec.systemPaths << m_definitions.file;
+    return spec;
+}
 
+bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QList<QByteArray>& program,
+                          int input, const QString& messages, QString* error)
+{
     ChildCommand command;
-    command.program = QFile::encodeName(QLatin1String(QuilletExecutablePath));
-    command.arguments << command.program;
-    if (m_settings.duplexBackPages)
-        command.arguments << "--duplex";
-    command.arguments << QFile::encodeName(m_folder.marking(QStringLiteral("document.ps")))
-                      << QFile::encodeName(m_folder.marking(QStringLiteral("marker.tmpl")))
-                      << QFile::encodeName(variables) << QFile::encodeName(output);
-    const QByteArray home = QFile::encodeName(m_folder.markingPath());
-    command.environment << "PATH=" + qgetenv("PATH") << "LANG=" + qgetenv("LANG") << "LC_CTYPE=C.UTF-8"
-                        << "HOME=" + home << "TMPDIR=" + home << "KRB5CCNAME=FILE:" + home + "/krb5cc"
+    command.program = BubblewrapPath;
+    command.arguments = sandboxCommand(spec, program);
+    const QByteArray home = QFile::encodeName(QLatin1String(SandboxOutputFolder));
+    command.environment << "PATH=/usr/local/bin:/usr/bin:/bin"
+                        << "LANG=" + qgetenv("LANG") << "LC_CTYPE=C.UTF-8"
+                        << "HOME=" + home << "TMPDIR=/tmp" << "KRB5CCNAME=FILE:" + home + "/krb5cc"
                         << "USER=" + m_account.toLocal8Bit() << "LOGNAME=" + m_account.toLocal8Bit();
     command.changeAccount = true;
     command.uid = m_uid;
     command.gid = m_gid;
-    command.standardOutputFile = QFile::encodeName(m_folder.file(QStringLiteral("quillet.out")));
-    command.standardErrorFile = QFile::encodeName(errors);
+    command.standardInput = input;
+    command.standardOutputFile = QFile::encodeName(messages + QStringLiteral(".out"));
+    command.standardErrorFile = QFile::encodeName(messages);
+    command.limits.cpuSeconds = rlim_t(m_settings.cpuSeconds);
+    command.limits.memoryBytes = rlim_t(m_settings.memoryMB) << 20;
+    command.limits.fileBytes = rlim_t(m_settings.outputMB) << 20;
 
     const ChildResult result = runChild(command);
     QString firstError;
-    QFile errorFile(errors);
+    QFile errorFile(messages);
     if (errorFile.open(QIODevice::ReadOnly)) {
-        for (const QByteArray& line : errorFile.readAll().split('\n')) {
+        for (const QByteArray& line : errorFile.read(1 << 20).split('\n')) {
             const QString text = logText(QString::fromUtf8(line));
-            if (text.isEmpty())
+            if (text.isEmpty() || text.startsWith(QLatin1String(ProofSheetLine)) ||
+                text.startsWith(QLatin1String("%%BoundingBox:")))
                 continue;
             if (firstError.isEmpty())
                 firstError = text;
@@ -361,22 +674,49 @@ bool JobRun::markCopy(int copy, QString* error)
     if (result.cancelled)
         return false;
     if (!result.started) {
-        *error = QStringLiteral("cannot run %1: %2").arg(QLatin1String(QuilletExecutablePath), result.error);
+        *error = QStringLiteral("cannot run the sandbox %1: %2").arg(QLatin1String(BubblewrapPath), result.error);
         return false;
     }
     if (result.exitStatus != 0) {
-        *error =
-            result.signal
-                ? QStringLiteral("quillet was ended by signal %1").arg(result.signal)
-                : QStringLiteral("quillet failed with status %1: %2").arg(result.exitStatus).arg(firstError);
+        *error = result.signal
+                     ? QStringLiteral("%1 was ended by signal %2").arg(name).arg(result.signal)
+                     : QStringLiteral("%1 failed with status %2: %3").arg(name).arg(result.exitStatus).arg(firstError);
+        return false;
+    }
+    return true;
+}
+
+bool JobRun::markCopy(int copy, QString* error)
+{
+    const QString number = QString::number(copy);
+    const QString variables = QStringLiteral("copy-%1.vars").arg(number);
+    const QString output = QStringLiteral("copy-%1.ps").arg(number);
+    if (!writeForMarking(m_markingFolder + QLatin1Char('/') + variables, jobVariables(m_job, m_settings, copy))) {
+        *error = QStringLiteral("cannot write the variables of copy %1").arg(copy);
         return false;
     }
 
+    SandboxSpec spec = sandboxSpec(m_markingFolder);
+    spec.inputFiles << qMakePair(m_flatDocument, QStringLiteral("document.ps"))
+                    << qMakePair(m_folder.file(QStringLiteral("marker.tmpl")), QStringLiteral("marker.tmpl"));
+    if (!m_job.pageCodeKeyFile.isEmpty())
+        spec.inputFiles << qMakePair(m_folder.file(QStringLiteral("page-code.key")), QStringLiteral("page-code.key"));
+    QList<QByteArray> quillet{QuilletExecutablePath};
+    if (m_settings.duplexBackPages)
+        quillet << "--duplex";
+    quillet << QFile::encodeName(sandboxInput(QStringLiteral("document.ps")))
+            << QFile::encodeName(sandboxInput(QStringLiteral("marker.tmpl")))
+            << QFile::encodeName(sandboxOutput(variables)) << QFile::encodeName(sandboxOutput(output));
+    if (!runSandboxed(QStringLiteral("quillet"), spec, quillet, -1,
+                      m_folder.file(QStringLiteral("copy-%1.err").arg(number)), error))
+        return false;
+
     QFile used;
-    const KeyValueList values =
-        openMarkingFile(used, variables) ? parseKeyValueLines(used.readAll()) : KeyValueList();
+    const KeyValueList values = openStepFile(used, m_markingFolder + QLatin1Char('/') + variables)
+                                    ? parseKeyValueLines(used.readAll())
+                                    : KeyValueList();
     QFile marked;
-    const bool haveOutput = openMarkingFile(marked, output) && marked.size() > 0;
+    const bool haveOutput = openStepFile(marked, m_markingFolder + QLatin1Char('/') + output) && marked.size() > 0;
     qint64 pages = 0;
     for (const auto& pair : values) {
         if (pair.first == QLatin1String("NUM_PAGES"))
@@ -396,20 +736,26 @@ bool JobRun::markCopy(int copy, QString* error)
         for (const auto& pair : values)
             store.insert(pair.first, pair.second);
         m_stampPage = store.accountingStamp() && !m_settings.duplexBackPages;
+    } else if (pages != m_pages) {
+        *error = QStringLiteral("copy %1 has %2 pages where copy 1 has %3").arg(copy).arg(pages).arg(m_pages);
+        return false;
     }
     return true;
 }
 
+// The stream: a header, the printer's set-up code from the queue's PPD for
+// the job's options (two-sided on back-page queues), then the marked copies.
 bool JobRun::buildStream(QString* error)
 {
     QFile stream(m_folder.file(QStringLiteral("stream.ps")));
-    if (!stream.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    if (!stream.open(QIODevice::WriteOnly | QIODevice::Truncate) || stream.write(StreamHeader) < 0 ||
+        stream.write(m_printerSetup.code) != m_printerSetup.code.size()) {
         *error = QStringLiteral("cannot write the marked stream");
         return false;
     }
     for (int copy = 1; copy <= m_job.copies; ++copy) {
         QFile marked;
-        if (!openMarkingFile(marked, m_folder.marking(QStringLiteral("copy-%1.ps").arg(copy))) ||
+        if (!openStepFile(marked, m_markingFolder + QStringLiteral("/copy-%1.ps").arg(copy)) ||
             !appendMarkedCopy(marked, stream)) {
             *error = QStringLiteral("cannot join marked copy %1 to the stream").arg(copy);
             return false;
@@ -452,118 +798,6 @@ ChildCommand JobRun::realBackendCommand(const QString& program, int input) const
         }
     }
     return command;
-}
-
-int JobRun::execute()
-{
-    const QByteArray deviceUri =
-        qEnvironmentVariableIsSet("DEVICE_URI") ? qgetenv("DEVICE_URI") : m_argv.at(0);
-    m_device = realDevice(QString::fromUtf8(deviceUri));
-    if (!m_device.error.isEmpty())
-        return refuse(m_device.error);
-
-    const QString serverRoot = qEnvironmentVariableIsSet("CUPS_SERVERROOT")
-                                   ? environmentValue("CUPS_SERVERROOT")
-                                   : QLatin1String(CupsServerRoot);
-    const QString serverBin = qEnvironmentVariableIsSet("CUPS_SERVERBIN") ? environmentValue("CUPS_SERVERBIN")
-                                                                          : QLatin1String(CupsServerBin);
-    const QString realBackend = serverBin + QStringLiteral("/backend/") + m_device.scheme;
-    if (!QFileInfo(realBackend).isExecutable())
-        return refuse(
-            QStringLiteral("the device URI names the scheme \"%1\", for which there is no backend %2")
-                .arg(m_device.scheme, realBackend));
-
-    m_server = readServerAccount(serverRoot);
-    m_settings = readQueueSettings(serverRoot, m_queue);
-    m_label = securityLabel(m_settings.variables);
-    if (!m_settings.error.isEmpty())
-        return refuse(m_settings.error);
-    if (m_settings.templateFile.isEmpty())
-        return refuse(QStringLiteral("the queue has no template (%1/%2/%3.tmpl or default.tmpl)")
-                          .arg(serverRoot, QLatin1String(QueueConfigFolder), m_queue));
-
-    QString error;
-    if (!resolveAccount(&error))
-        return refuse(error);
-    const QString temporary =
-        qEnvironmentVariableIsSet("TMPDIR") ? environmentValue("TMPDIR") : QStringLiteral("/tmp");
-    if (!m_folder.create(temporary, m_uid, m_gid))
-        return refuse(QStringLiteral("cannot make a work folder in %1: %2")
-                          .arg(temporary, QString::fromLocal8Bit(std::strerror(errno))));
-
-    // The document as the print server's filters left it.
-    const QString received = m_folder.file(QStringLiteral("job.data"));
-    if (!receiveDocument(received, &error))
-        return cancelRequested() ? cancelled() : refuse(error);
-    QFile document(received);
-    if (!document.open(QIODevice::ReadOnly))
-        return refuse(QStringLiteral("cannot read the received document"));
-    if (!looksLikePostScript(document.peek(HeadSize)))
-        return refuse(QStringLiteral("the document is not PostScript (raw or binary data cannot be marked)"));
-    QFile oneCopy;
-    int streamCopies = -1;
-    if (!createForMarking(oneCopy, m_folder.marking(QStringLiteral("document.ps"))) ||
-        !copyAsOneCopy(document, oneCopy, &streamCopies) || !oneCopy.flush())
-        return refuse(QStringLiteral("cannot prepare the document for marking"));
-    oneCopy.close();
-    document.close();
-    // pstops repeats the pages itself for collated copies on a printer
-    // without a Collate option, and for PPDs with manual copies; those
-    // copies could not be numbered.
-    if (streamCopies == 1 && m_job.copies > 1)
-        return refuse(
-            QStringLiteral("the print server's filters repeated the %1 copies in the document "
-                           "(collated copies on a printer without a Collate option): "
-                           "print with -o collate=false or give the queue a PPD with a Collate option")
-                .arg(m_job.copies));
-
-    QFile templateFile(m_settings.templateFile);
-    if (!templateFile.open(QIODevice::ReadOnly))
-        return refuse(QStringLiteral("cannot read the template %1").arg(m_settings.templateFile));
-    if (!writeForMarking(m_folder.marking(QStringLiteral("marker.tmpl")), templateFile.readAll()))
-        return refuse(QStringLiteral("cannot copy the template for marking"));
-    if (!handOverPageCodeKey(&error))
-        return refuse(error);
-
-    QFile ppd(environmentValue("PPD"));
-    const PaperSize paper =
-        jobPaperSize(ppd.open(QIODevice::ReadOnly) ? ppd.readAll() : QByteArray(), m_job.options);
-    m_job.pageFormat = paper.name;
-    m_job.deviceWidth = paper.width;
-    m_job.deviceHeight = paper.height;
-    m_job.landscape = isLandscape(m_job.options);
-
-    // Every copy is marked before the first byte goes out.
-    for (int copy = 1; copy <= m_job.copies; ++copy) {
-        if (!markCopy(copy, &error))
-            return cancelRequested() ? cancelled() : refuse(error);
-    }
-    if (!buildStream(&error))
-        return refuse(error);
-    if (cancelRequested())
-        return cancelled();
-
-    const int stream =
-        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
-    if (stream < 0)
-        return refuse(QStringLiteral("cannot read the marked stream"));
-    const qint64 pagesPerCopy = m_settings.duplexBackPages ? 2 * m_pages : m_pages + (m_stampPage ? 1 : 0);
-    const ChildResult result = runChild(realBackendCommand(realBackend, stream));
-    close(stream);
-    if (result.cancelled)
-        return cancelled();
-    if (!result.started)
-        return refuse(QStringLiteral("cannot run the backend %1: %2").arg(realBackend, result.error));
-    if (result.exitStatus != BackendOk) {
-        const int status = result.exitStatus > 0 ? result.exitStatus : BackendFailed;
-        audit(QStringLiteral("device-failed status=%1").arg(status));
-        return status;
-    }
-    m_sent = pagesPerCopy * m_job.copies;
-    message(QStringLiteral("ATTR: job-impressions=%1").arg(m_sent));
-    message(QStringLiteral("PAGE: total %1").arg(m_sent));
-    audit(QStringLiteral("marked-and-sent"));
-    return BackendOk;
 }
 
 } // namespace

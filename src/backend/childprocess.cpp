@@ -136,6 +136,8 @@ ChildResult runChild(const ChildCommand& command)
                 failChild(report[1]);
             }
         }
+        if (!applyResourceLimits(command.limits))
+            failChild(report[1]);
         // After the change of account, which clears it.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent)

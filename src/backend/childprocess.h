@@ -6,6 +6,8 @@
 #include <QList>
 #include <QString>
 
+#include "sandbox/jobsandbox.h"
+
 #include <sys/types.h>
 
 // One program to run.
@@ -27,6 +29,8 @@ struct ChildCommand {
     // Keep descriptors 3 and 4 (the print server's back and side channels);
     // every other descriptor above 2 is closed.
     bool keepChannels = false;
+    // Bounds of the child's CPU time, memory and file sizes.
+    ResourceLimits limits;
 };
 
 // How a child ended.

@@ -96,13 +96,20 @@ QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int cop
     return bytes;
 }
 
+const QStringList& securityLabelKeys()
+{
+    static const QStringList keys{QStringLiteral("LABEL_NAME"), QStringLiteral("LABEL_NAME_FULL"),
+                                  QStringLiteral("LEVEL_NAME"), QStringLiteral("mac-job-mac-level-name")};
+    return keys;
+}
+
 QString securityLabel(const KeyValueList& variables)
 {
     QMap<QString, QString> values;
     for (const auto& pair : variables)
         values.insert(pair.first, pair.second);
-    for (const char* key : {"LABEL_NAME", "LABEL_NAME_FULL", "LEVEL_NAME", "mac-job-mac-level-name"}) {
-        const QString value = values.value(QLatin1String(key));
+    for (const QString& key : securityLabelKeys()) {
+        const QString value = values.value(key);
         if (!value.isEmpty())
             return value;
     }

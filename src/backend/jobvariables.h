@@ -49,6 +49,10 @@ bool isLandscape(const KeyValueList& options);
 // job has one, the job's page-code key file (MarkerPageCodeJobKey).
 QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int copy);
 
+// The keys that hold a job's security label, in the order in which the
+// audit line takes the first non-empty one.
+const QStringList& securityLabelKeys();
+
 // The security label of a job as it will be marked: the first non-empty of
 // LABEL_NAME, LABEL_NAME_FULL, LEVEL_NAME and mac-job-mac-level-name among
 // the pairs (the last occurrence of a key counting).

@@ -3,6 +3,7 @@
 
 #include "pagecode/pagecoder.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -75,6 +76,33 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                 settings.duplexBackPages = pair.second == QLatin1String("1");
             } else if (pair.first == QLatin1String(MarkingUserSetting)) {
                 settings.markingUser = pair.second;
+            } else if (pair.first == QLatin1String(TrustedInterpreterSetting)) {
+                settings.trustedInterpreter = pair.second != QLatin1String("0");
+            } else if (pair.first == QLatin1String(DirectoryLookupsSetting)) {
+                settings.directoryLookups = pair.second == QLatin1String("1");
+            } else if (pair.first == QLatin1String(SandboxFoldersSetting)) {
+                for (const QString& folder : pair.second.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+                    const QString path = QDir::cleanPath(folder.trimmed());
+                    if (!path.startsWith(QLatin1Char('/'))) {
+                        settings.error = QStringLiteral("%1: %2 names \"%3\", which is not an absolute path")
+                                             .arg(settings.variablesFile, pair.first, folder.trimmed());
+                        return settings;
+                    }
+                    settings.sandboxFolders.append(path);
+                }
+            } else if (pair.first == QLatin1String(CpuSecondsSetting) || pair.first == QLatin1String(MemorySetting) ||
+                       pair.first == QLatin1String(OutputSetting)) {
+                bool ok = false;
+                const int value = pair.second.toInt(&ok);
+                if (!ok || value <= 0 || value > 1000000) {
+                    settings.error = QStringLiteral("%1: %2 must be a whole number from 1 to 1000000, not \"%3\"")
+                                         .arg(settings.variablesFile, pair.first, pair.second);
+                    return settings;
+                }
+                int& bound = pair.first == QLatin1String(CpuSecondsSetting) ? settings.cpuSeconds
+                             : pair.first == QLatin1String(MemorySetting)   ? settings.memoryMB
+                                                                             : settings.outputMB;
+                bound = value;
             } else if (pair.first == QLatin1String(PageCoder::KeySetting) ||
                        pair.first == QLatin1String(PageCoder::JobKeySetting)) {
                 // The marking account must never be pointed at the site key,

@@ -16,6 +16,12 @@ using KeyValueList = QList<QPair<QString, QString>>;
 inline constexpr char JobOptionsSetting[] = "MarkerJobOptions";
 inline constexpr char DuplexSetting[] = "MarkerDuplexBackPages";
 inline constexpr char MarkingUserSetting[] = "MarkerUser";
+inline constexpr char TrustedInterpreterSetting[] = "MarkerTrustedInterpreter";
+inline constexpr char DirectoryLookupsSetting[] = "MarkerDirectoryLookups";
+inline constexpr char SandboxFoldersSetting[] = "MarkerSandboxFolders";
+inline constexpr char CpuSecondsSetting[] = "MarkerJobCpuSeconds";
+inline constexpr char MemorySetting[] = "MarkerJobMemoryMB";
+inline constexpr char OutputSetting[] = "MarkerJobOutputMB";
 
 // Folder below the print server's configuration folder that holds the
 // queues' templates and variables.
@@ -38,6 +44,21 @@ struct QueueSettings {
     // Account that runs the marking (MarkerUser); empty for the print
     // server's own unprivileged user.
     QString markingUser;
+    // Runs the user's document through the trusted interpreter before it is
+    // marked (MarkerTrustedInterpreter, on unless set to 0).
+    bool trustedInterpreter = true;
+    // Lets the job's sandbox reach the network and the directory clients'
+    // configuration (MarkerDirectoryLookups=1), for FREEIPA: strings.
+    bool directoryLookups = false;
+    // Folders of site programs that the job's sandbox shows read-only
+    // (MarkerSandboxFolders, comma-separated absolute paths).
+    QStringList sandboxFolders;
+    // Bounds of every process of a job's sandbox: CPU seconds, memory and
+    // the size of any file it writes, in MB (MarkerJobCpuSeconds,
+    // MarkerJobMemoryMB, MarkerJobOutputMB).
+    int cpuSeconds = 300;
+    int memoryMB = 2048;
+    int outputMB = 2048;
     // Why the configuration cannot be used; empty when it can.
     QString error;
 };

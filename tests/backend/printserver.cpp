@@ -123,6 +123,11 @@ void PrintServer::writeSiteDefinitions(const QByteArray& lines) const
     m_tree.write(QStringLiteral("etc-cups/marker.defs"), shipped + '\n' + lines);
 }
 
+void PrintServer::writeOwnSiteDefinitions(const QByteArray& content) const
+{
+    m_tree.write(QStringLiteral("etc-cups/marker.defs"), content);
+}
+
 QString PrintServer::errorLogFile() const
 {
     return m_dir.filePath(QStringLiteral("log/error_log"));
@@ -174,8 +179,10 @@ bool PrintServer::start(const QString& backend, QString* error)
     // quillet at its installed path and the shipped catalogue in the data
     // folder, inside the server's mount namespace only.
     const QString quilletDir = QFileInfo(QLatin1String(QuilletExecutablePath)).path();
-    QFile::link(quilletExecutable(), root + QStringLiteral("/quillet-bin/") +
-                                         QFileInfo(QLatin1String(QuilletExecutablePath)).fileName());
+    if (!installQuilletCopy(root + QStringLiteral("/quillet-bin"))) {
+        *error = QStringLiteral("cannot copy quillet into the server's program folder");
+        return false;
+    }
     m_tree.installCatalogue();
 
     m_cupsd.setProgram(QStringLiteral(QUILLET_SANDBOX));

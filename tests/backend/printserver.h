@@ -52,6 +52,10 @@ class PrintServer
     // followed by `lines`. Call it after start().
     void writeSiteDefinitions(const QByteArray& lines) const;
 
+    // Writes the site's marker definitions file with exactly `content`, as
+    // an administrator who made it from scratch would leave it.
+    void writeOwnSiteDefinitions(const QByteArray& content) const;
+
     // The print server's log file.
     QString errorLogFile() const;
 

@@ -50,9 +50,9 @@ class BackendRig
         writeFile(m_dir.filePath("etc/cups-files.conf"), "User lp\nGroup lp\n");
         writeFile(m_dir.filePath("bin/backend/fake"), FakeBackend);
         chmod(QFile::encodeName(m_dir.filePath("bin/backend/fake")).constData(), 0700);
-        QFile::link(quilletExecutable(), m_dir.filePath("quillet-bin/") +
-                                             QFileInfo(QLatin1String(QuilletExecutablePath)).fileName());
+        installQuilletCopy(m_dir.filePath("quillet-bin"));
         m_tree.installCatalogue();
+        setVariables("# The queue's variables: none but the settings a test adds.\n");
         writeFile(m_dir.filePath("job.ps"), minimalDocument(2));
     }
 
@@ -151,6 +151,8 @@ class TestBackendRun : public QObject
     void realBackendFailureIsPassedOn();
     void refusedJobLeavesNothing();
     void quilletFailureRefusesJob();
+    void interpreterRendersOrRefuses_data();
+    void interpreterRendersOrRefuses();
     void markingRunsAsServerUser_data();
     void markingRunsAsServerUser();
     void cancelledJobLeavesNothing_data();
@@ -216,7 +218,9 @@ void TestBackendRun::quilletFailureRefusesJob()
 {
     BackendRig rig;
     rig.setTemplate(Template);
-    // PostScript without a single DSC page: quillet stops with status 1.
+    // PostScript without a single DSC page, handed to quillet as it is
+    // (the trusted interpreter off): quillet stops with status 1.
+    rig.setVariables("MarkerTrustedInterpreter=0\n");
     writeFile(rig.path("nopages.ps"),
               "%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto (x) show showpage\n");
     const RunResult run = rig.run(jobArguments(rig.path("nopages.ps")));
@@ -227,6 +231,57 @@ void TestBackendRun::quilletFailureRefusesJob()
         run.standardError.constData());
     QVERIFY(run.standardError.contains("outcome=refused reason="));
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::interpreterRendersOrRefuses_data()
+{
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("pages");
+    QTest::addColumn<QByteArray>("reason");
+    // Pages are what the program shows, whatever its comments say.
+    QTest::newRow("no page comments, two pages shown")
+        << QByteArray("%!PS\n/Helvetica findfont 12 scalefont setfont\n"
+                      "72 72 moveto (one) show showpage 72 72 moveto (two) show showpage\n")
+        << 0 << 2 << QByteArray();
+    QTest::newRow("comments claim one page, three shown")
+        << QByteArray("%!PS-Adobe-3.0\n%%Pages: 1\n%%EndComments\n%%Page: 1 1\n"
+                      "showpage showpage showpage\n%%PageTrailer\n%%EOF\n")
+        << 0 << 3 << QByteArray();
+    QTest::newRow("a PostScript error")
+        << QByteArray("%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto (x) show\nnosuchoperator\n")
+        << 5 << 0 << QByteArray("the document cannot be rendered: the interpreter failed with status 1");
+    // The interpreter's PDF of a program that shows nothing holds one empty
+    // page: it prints, marked.
+    QTest::newRow("nothing shown") << QByteArray("%!PS\n1 2 add pop\n") << 0 << 1 << QByteArray();
+}
+
+void TestBackendRun::interpreterRendersOrRefuses()
+{
+    QFETCH(QByteArray, document);
+    QFETCH(int, status);
+    QFETCH(int, pages);
+    QFETCH(QByteArray, reason);
+    BackendRig rig;
+    rig.setTemplate(Template);
+    writeFile(rig.path("document.ps"), document);
+    const RunResult run = rig.run(jobArguments(rig.path("document.ps"), QStringLiteral("1")));
+    QVERIFY2(run.exitCode == status, run.standardError.constData());
+    if (status == 0) {
+        QVERIFY2(run.standardError.contains(QStringLiteral("pages=%1 copies=1 sent=%1 outcome=marked-and-sent\n")
+                                                .arg(pages)
+                                                .toUtf8()),
+                 run.standardError.constData());
+        const QByteArray stream = readFile(rig.path("out/data"));
+        QCOMPARE(stream.count("%%Page: "), pages);
+        // What reached the printer is the interpreter's rendering, not the
+        // document's own program.
+        QVERIFY(!stream.contains("nosuchoperator") && !stream.contains("showpage showpage"));
+    } else {
+        QVERIFY2(run.standardError.contains("refused, nothing printed: " + reason), run.standardError.constData());
+        QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    }
     QCOMPARE(rig.leftovers(), QStringList());
 }
 

@@ -169,6 +169,16 @@ QString quilletExecutable()
     return QStringLiteral(QUILLET_EXECUTABLE);
 }
 
+bool installQuilletCopy(const QString& folder)
+{
+    const QString target = folder + QLatin1Char('/') + QFileInfo(QLatin1String(QuilletExecutablePath)).fileName();
+    QFile::remove(target);
+    return QFile::copy(quilletExecutable(), target) &&
+           QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
+                                             QFileDevice::ReadGroup | QFileDevice::ExeGroup |
+                                             QFileDevice::ReadOther | QFileDevice::ExeOther);
+}
+
 QString testsSourceDir()
 {
     return QStringLiteral(QUILLET_TESTS_DIR);

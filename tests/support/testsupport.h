@@ -99,6 +99,12 @@ bool writeFile(const QString& path, const QByteArray& content);
 
 // The quillet executable under test and the tests' source folder.
 QString quilletExecutable();
+
+// Puts a copy of the built quillet into `folder` under its installed file
+// name, for a folder bound onto its installed folder: a copy, not a link,
+// so that the print queue's per-job sandbox, which shows the system's
+// folders and nothing of the build tree, runs it too. False on failure.
+bool installQuilletCopy(const QString& folder);
 QString testsSourceDir();
 
 // The default font catalogue built for installation, shaped like the CUPS
