@@ -38,6 +38,39 @@ const char SlowProgram[] = "sleep\00047.25";
 const char SlowDeviceWait[] = "48.75";
 const char SlowDevice[] = "sleep\00048.75";
 
+// A printer description with A4 paper and two-sided printing, as a queue's
+// PPD offers it.
+const char TwoSidedPpd[] = "*PPD-Adobe: \"4.3\"\n"
+                           "*FormatVersion: \"4.3\"\n"
+                           "*FileVersion: \"1.0\"\n"
+                           "*LanguageVersion: English\n"
+                           "*LanguageEncoding: ISOLatin1\n"
+                           "*PCFileName: \"TWOSIDED.PPD\"\n"
+                           "*Manufacturer: \"Test\"\n"
+                           "*Product: \"(Two-Sided)\"\n"
+                           "*ModelName: \"Two-Sided Test Printer\"\n"
+                           "*NickName: \"Two-Sided Test Printer\"\n"
+                           "*PSVersion: \"(3010.000) 0\"\n"
+                           "*LanguageLevel: \"3\"\n"
+                           "*OpenUI *PageSize/Media Size: PickOne\n"
+                           "*OrderDependency: 10 AnySetup *PageSize\n"
+                           "*DefaultPageSize: A4\n"
+                           "*PageSize A4/A4: \"<</PageSize[595 842]/ImagingBBox null>>setpagedevice\"\n"
+                           "*CloseUI: *PageSize\n"
+                           "*DefaultImageableArea: A4\n"
+                           "*ImageableArea A4: \"18 36 577 806\"\n"
+                           "*DefaultPaperDimension: A4\n"
+                           "*PaperDimension A4: \"595 842\"\n"
+                           "@DUPLEX@";
+const char DuplexOption[] = "*OpenUI *Duplex/2-Sided Printing: PickOne\n"
+                            "*OrderDependency: 10 AnySetup *Duplex\n"
+                            "*DefaultDuplex: None\n"
+                            "*Duplex None/Off: \"<</Duplex false>>setpagedevice\"\n"
+                            "*Duplex DuplexNoTumble/Long Edge: \"<</Duplex true/Tumble false>>setpagedevice\"\n"
+                            "*Duplex DuplexTumble/Short Edge: \"<</Duplex true/Tumble true>>setpagedevice\"\n"
+                            "*CloseUI: *Duplex\n";
+const char LongEdgeCode[] = "<</Duplex true/Tumble false>>setpagedevice";
+
 // The print server's side of one backend run.
 class BackendRig
 {
@@ -70,6 +103,17 @@ class BackendRig
         m_tree.write(QStringLiteral("etc-cups/marker.defs"),
                      m_tree.read(QStringLiteral("share-cups/quillet/marker.defs")) + '\n' + lines);
     }
+    // The site's marker definitions file with exactly `content`.
+    void setOwnDefinitions(const QByteArray& content) const
+    {
+        m_tree.write(QStringLiteral("etc-cups/marker.defs"), content);
+    }
+    // The queue's PPD; with `twoSided`, it offers two-sided printing.
+    void setPpd(bool twoSided)
+    {
+        m_ppd = m_dir.filePath("queue.ppd");
+        writeFile(m_ppd, QByteArray(TwoSidedPpd).replace("@DUPLEX@", twoSided ? DuplexOption : ""));
+    }
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
 
     // The sandbox command line that runs `program` with quillet and its
@@ -98,7 +142,8 @@ class BackendRig
                 QStringLiteral("CUPS_SERVERBIN=") + m_dir.filePath("bin"),
                 QStringLiteral("TMPDIR=") + m_dir.filePath("tmp"),
                 QStringLiteral("FAKE_OUT=") + m_dir.filePath("out"),
-                QStringLiteral("FAKE_STATUS=%1").arg(fakeStatus)};
+                QStringLiteral("FAKE_STATUS=%1").arg(fakeStatus),
+                QStringLiteral("PPD=") + m_ppd};
     }
 
     RunResult run(const QStringList& arguments, int fakeStatus = 0) const
@@ -117,6 +162,7 @@ class BackendRig
   private:
     QTemporaryDir m_dir;
     FixtureTree m_tree;
+    QString m_ppd;
 };
 
 QStringList jobArguments(const QString& file, const QString& copies = QStringLiteral("2"))
@@ -153,6 +199,10 @@ class TestBackendRun : public QObject
     void quilletFailureRefusesJob();
     void interpreterRendersOrRefuses_data();
     void interpreterRendersOrRefuses();
+    void setUpThatCannotMarkIsRefused_data();
+    void setUpThatCannotMarkIsRefused();
+    void backPagesAlwaysPrintTwoSided_data();
+    void backPagesAlwaysPrintTwoSided();
     void markingRunsAsServerUser_data();
     void markingRunsAsServerUser();
     void cancelledJobLeavesNothing_data();
@@ -285,6 +335,102 @@ void TestBackendRun::interpreterRendersOrRefuses()
     QCOMPARE(rig.leftovers(), QStringList());
 }
 
+void TestBackendRun::setUpThatCannotMarkIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("definitions"); // empty: the shipped ones
+    QTest::addColumn<QByteArray>("variables");   // empty: no variables file
+    QTest::addColumn<QByteArray>("queueTemplate");
+    QTest::addColumn<int>("ppd"); // 0 none, 1 one-sided, 2 two-sided
+    QTest::addColumn<QByteArray>("reason");
+    const QByteArray vars = "MarkerJobOptions=project\n";
+    QTest::newRow("site definitions of one line")
+        << QByteArray("MarkerPageCodeKey=/etc/cups/quillet/page-code.key\n") << vars << QByteArray(Template) << 2
+        << QByteArray("do not set MarkerSafeOutput=1 (print-safe output)");
+    QTest::newRow("site definitions that turn print-safe output off")
+        << QByteArray("MarkerSafeOutput=0\n") << vars << QByteArray(Template) << 2
+        << QByteArray("do not set MarkerSafeOutput=1");
+    QTest::newRow("no variables file") << QByteArray() << QByteArray() << QByteArray(Template) << 2
+                                       << QByteArray("the queue has no variables file");
+    QTest::newRow("empty template") << QByteArray() << vars << QByteArray() << 2
+                                    << QByteArray("holds no marker strings");
+    QTest::newRow("template of comments and blanks")
+        << QByteArray() << vars << QByteArray("# marks to come\n\n   \n") << 2
+        << QByteArray("holds no marker strings");
+    QTest::newRow("label that nothing sets")
+        << QByteArray() << vars << QByteArray("any:bold:12::label:top-center:{LABEL_NAME}\n") << 2
+        << QByteArray("prints LABEL_NAME, which neither");
+    QTest::newRow("label read once that nothing sets")
+        << QByteArray() << vars << QByteArray("any:bold:12::label:top-center:[mac-job-mac-level-name]\n") << 2
+        << QByteArray("prints mac-job-mac-level-name, which neither");
+    QTest::newRow("back pages without a printer description")
+        << QByteArray() << QByteArray("MarkerDuplexBackPages=1\n") << QByteArray(Template) << 0
+        << QByteArray("no printer description (PPD)");
+    QTest::newRow("back pages on a one-sided printer")
+        << QByteArray() << QByteArray("MarkerDuplexBackPages=1\n") << QByteArray(Template) << 1
+        << QByteArray("has no Duplex option with DuplexNoTumble");
+}
+
+void TestBackendRun::setUpThatCannotMarkIsRefused()
+{
+    QFETCH(QByteArray, definitions);
+    QFETCH(QByteArray, variables);
+    QFETCH(QByteArray, queueTemplate);
+    QFETCH(int, ppd);
+    QFETCH(QByteArray, reason);
+    BackendRig rig;
+    rig.setTemplate(queueTemplate);
+    if (!definitions.isEmpty())
+        rig.setOwnDefinitions(definitions);
+    if (variables.isEmpty())
+        QVERIFY(QFile::remove(rig.path("etc/quillet/q.vars")));
+    else
+        rig.setVariables(variables);
+    if (ppd > 0)
+        rig.setPpd(ppd == 2);
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
+    QVERIFY2(run.exitCode == 5, run.standardError.constData());
+    QVERIFY2(run.standardError.startsWith("ERROR: quillet: job 7 on q refused, nothing printed: "),
+             run.standardError.constData());
+    QVERIFY2(run.standardError.left(run.standardError.indexOf('\n')).contains(reason),
+             run.standardError.constData());
+    QVERIFY(run.standardError.contains("outcome=refused reason="));
+    QVERIFY(!QFileInfo::exists(rig.path("out/started")));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::backPagesAlwaysPrintTwoSided_data()
+{
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<int>("pages");
+    QTest::newRow("one-page job") << QStringLiteral("finishings=3") << 1;
+    QTest::newRow("one-sided asked for") << QStringLiteral("sides=one-sided") << 2;
+    QTest::newRow("short edge asked for") << QStringLiteral("sides=two-sided-short-edge") << 2;
+}
+
+void TestBackendRun::backPagesAlwaysPrintTwoSided()
+{
+    QFETCH(QString, options);
+    QFETCH(int, pages);
+    BackendRig rig;
+    rig.setTemplate(Template);
+    rig.setVariables("MarkerDuplexBackPages=1\n");
+    rig.setPpd(true);
+    writeFile(rig.path("pages.ps"), minimalDocument(pages));
+    QStringList arguments = jobArguments(rig.path("pages.ps"), QStringLiteral("1"));
+    arguments[4] = options;
+    const RunResult run = rig.run(arguments);
+    QVERIFY2(run.exitCode == 0, run.standardError.constData());
+    const QByteArray stream = readFile(rig.path("out/data"));
+    // The printer's own code for the long edge, before the first copy, and
+    // no request that turns two-sided printing off again.
+    const int longEdge = stream.indexOf(LongEdgeCode);
+    QVERIFY2(longEdge > 0 && longEdge < stream.indexOf("userdict /quilletCopyState save put"), stream.left(2000));
+    QVERIFY(!stream.contains("/Duplex false") && !stream.contains("/Tumble true"));
+    QCOMPARE(stream.count("\n%%Page: "), 2 * pages);
+    QVERIFY2(run.standardError.contains(QStringLiteral("sent=%1 outcome=marked-and-sent").arg(2 * pages).toUtf8()),
+             run.standardError.constData());
+}
+
 void TestBackendRun::markingRunsAsServerUser_data()
 {
     QTest::addColumn<QByteArray>("variables");
@@ -331,9 +477,13 @@ void TestBackendRun::cancelledJobLeavesNothing()
     QFETCH(QByteArray, slowProgram);
     BackendRig rig;
     rig.setTemplate(templateText);
-    // The print server cancels the job a second after it started.
-    const QString script =
-        QStringLiteral("\"$0\" \"$@\" & pid=$!; sleep 1; kill -TERM $pid; wait $pid; echo status=$?");
+    // The print server cancels the job a second after it started, or, while
+    // it is sent, once the real backend has started (rendering and proof
+    // come first), within ten seconds.
+    const QString script = QStringLiteral(
+        "\"$0\" \"$@\" & pid=$!; sleep 1; i=0; "
+        "while [ -n \"$FAKE_WAIT\" ] && [ $i -lt 200 ] && [ ! -e \"$FAKE_OUT/started\" ]; do sleep 0.05; i=$((i+1)); done; "
+        "kill -TERM $pid; wait $pid; echo status=$?");
     QStringList command = {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script,
                            QStringLiteral(QUILLET_BACKEND)};
     command += jobArguments(rig.path("job.ps"), QStringLiteral("1"));
@@ -341,9 +491,9 @@ void TestBackendRun::cancelledJobLeavesNothing()
     timer.start();
     const RunResult run = runProgram(QStringLiteral(QUILLET_SANDBOX), rig.sandboxArguments(command),
                                      rig.environment() << QStringLiteral("FAKE_WAIT=") + deviceWait);
-    // Ended at once, not after the site program's four seconds or the
-    // device's wait.
-    QVERIFY2(timer.elapsed() < 3500, qPrintable(QString::number(timer.elapsed())));
+    // Ended at once, not after the site program's or the device's wait of
+    // over 47 seconds.
+    QVERIFY2(timer.elapsed() < 20000, qPrintable(QString::number(timer.elapsed())));
     QVERIFY2(run.standardOutput.contains("status=5\n"), run.standardOutput + run.standardError);
     QVERIFY2(run.standardError.contains("outcome=cancelled\n"), run.standardError.constData());
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
