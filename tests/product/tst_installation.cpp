@@ -293,9 +293,11 @@ void TestInstallation::packageMatchesInstallation()
     QVERIFY2(backendEntry.match(QString::fromUtf8(contents.standardOutput)).hasMatch(),
              contents.standardOutput.constData());
 
-    // It depends on the Qt core library it was linked with.
+    // It depends on the Qt core library it was linked with, and on what the
+    // print queue's backend runs for every job.
     const RunResult fields = runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--field"), deb, QStringLiteral("Depends")});
-    QVERIFY2(fields.standardOutput.contains("libqt5core5a"), fields.standardOutput.constData());
+    for (const char* package : {"libqt5core5a", "bubblewrap", "ghostscript", "poppler-utils"})
+        QVERIFY2(fields.standardOutput.contains(package), fields.standardOutput.constData());
 }
 
 void TestInstallation::packageInstallsAndRemovesCleanly()
