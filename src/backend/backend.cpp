@@ -182,9 +182,11 @@ class JobRun
     bool createForMarking(QFile& file, const QString& path);
     bool writeForMarking(const QString& path, const QByteArray& content);
     bool handOverPageCodeKey(QString* error);
-    // Runs one program in a sandbox of this job as the marking account;
-    // `name` says in messages what it is. Its messages go to the log as
-    // DEBUG lines, and *firstError receives the first of them.
+    // Runs one program in a sandbox of this job as the marking account, its
+    // standard input from `input` (-1 for none) and its standard error into
+    // the file `messages`, whose lines go to the log as DEBUG lines. False
+    // when it could not run or failed; *error then names it by `name` and
+    // holds its first message.
     bool runSandboxed(const QString& name, const SandboxSpec& spec, const QList<QByteArray>& program,
                       int input, const QString& messages, QString* error);
     SandboxSpec sandboxSpec(const QString& stepFolder) const;
@@ -232,11 +234,13 @@ JobRun::JobRun(int argc, char* argv[])
 
 int JobRun::execute()
 {
+    // A job's whole path: each stage runs only when the ones before it
+    // succeeded, nothing reaches the device before send(), and every ending
+    // (sent, refused, cancelled, device failure) writes the audit line.
     QString error;
-    if (!configure(&error) || !receive(&error) || !check(&error) || !normalise(&error) || !mark(&error) ||
-        !prove(&error))
-        return stopped(error);
-    return send();
+    const bool ready = configure(&error) && receive(&error) && check(&error) && normalise(&error) &&
+                       mark(&error) && prove(&error);
+    return ready ? send() : stopped(error);
 }
 
 void JobRun::audit(const QString& outcome) const
