@@ -5,9 +5,10 @@
 # that the test suite drives (Ghostscript, Poppler, document makers, and the
 # CUPS print server with its client programs and filters, which the print
 # queue tests run privately); with --bench, also what scripts/bench.sh runs
-# (enscript, CUPS's pstops filter, GNU time); with --sanitizers, the test
-# tools and the AddressSanitizer and UndefinedBehaviorSanitizer runtimes;
-# with --fuzz, clang and its libFuzzer and sanitizer runtimes.
+# (enscript, CUPS's pstops and gstopdf filters, the PPD compiler, GNU time);
+# with --sanitizers, the test tools and the AddressSanitizer and
+# UndefinedBehaviorSanitizer runtimes; with --fuzz, clang and its libFuzzer
+# and sanitizer runtimes.
 set -euo pipefail
 
 build_packages=(
@@ -30,7 +31,7 @@ test_packages=(
     cups cups-client cups-filters
 )
 bench_packages=(
-    enscript cups-core-drivers time
+    enscript cups-core-drivers cups-filters cups-ppdc time
 )
 sanitizer_packages=(
     libasan8 libubsan1
