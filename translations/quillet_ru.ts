@@ -98,6 +98,18 @@
         <source>Input file %1 holds an earlier mark without its end</source>
         <translation>Входной файл %1 содержит прежнюю маркировку без её конца</translation>
     </message>
+    <message>
+        <source>Marker template %1 holds more than %2 marker strings</source>
+        <translation>Шаблон маркера %1 содержит больше %2 строк маркера</translation>
+    </message>
+    <message>
+        <source>Marker template %1 draws nothing on page %2 of %3</source>
+        <translation>Шаблон маркера %1 ничего не печатает на странице %2 из %3</translation>
+    </message>
+    <message>
+        <source>The first line of input file %1 is not a comment that ends at its line feed</source>
+        <translation>Первая строка входного файла %1 не является комментарием, который заканчивается переводом строки</translation>
+    </message>
 </context>
 <context>
     <name>main</name>

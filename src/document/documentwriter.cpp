@@ -28,13 +28,21 @@ namespace {
 
 // - -  Keeps the real showpage and disables the document's own (simplex).
 const char RedefineShowpage[] = "/showpagereal /showpage load def\n/showpage {} def\n";
+
+// Print-safe output puts its definitions right after the document's first
+// line, before any of the document's code, and binds its procedures there:
+// what they call is the interpreter's own, whatever the document defines
+// later. The real showpage is kept under a name of its own, which a showpage
+// redefinition that an earlier classic run left in the document cannot
+// reach.
+const char KeepShowPage[] = "/QuilletShowPage /showpage load def\n";
 // - -  Print-safe simplex: the device shows a page only when the marker
 // block marked it, whatever route the document takes to show it (the real
 // showpage from systemdict or bound early, copypage). EndPage is called as
 // "count reason EndPage bool"; reason 2 (device deactivation) shows nothing.
 const char PageGuard[] = "userdict /QuilletPageMarked false put\n"
-                         "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known "
-                         "{ 2 copy get 3 1 roll false put } { pop pop false } ifelse } { false } ifelse } "
+                         "<< /EndPage { exch pop 2 ne { //userdict /QuilletPageMarked 2 copy known "
+                         "{ 2 copy get 3 1 roll //false put } { pop pop //false } ifelse } { //false } ifelse } bind "
                          ">> setpagedevice\n";
 // - -  Print-safe duplex: every document page must be followed by its marked
 // back page before another page is shown. An unmarked page is shown only
@@ -42,18 +50,53 @@ const char PageGuard[] = "userdict /QuilletPageMarked false put\n"
 const char DuplexPageGuard[] =
     "userdict /QuilletPageMarked false put\n"
     "userdict /QuilletFrontShown false put\n"
-    "<< /EndPage { exch pop 2 ne { userdict /QuilletPageMarked 2 copy known { get } { pop pop false } ifelse "
-    "{ userdict /QuilletPageMarked false put userdict /QuilletFrontShown false put true } "
-    "{ userdict /QuilletFrontShown 2 copy known { get } { pop pop false } ifelse "
-    "{ false } { userdict /QuilletFrontShown true put true } ifelse } ifelse } { false } ifelse } "
+    "<< /EndPage { exch pop 2 ne { //userdict /QuilletPageMarked 2 copy known { get } { pop pop //false } ifelse "
+    "{ //userdict /QuilletPageMarked //false put //userdict /QuilletFrontShown //false put //true } "
+    "{ //userdict /QuilletFrontShown 2 copy known { get } { pop pop //false } ifelse "
+    "{ //false } { //userdict /QuilletFrontShown //true put //true } ifelse } ifelse } { //false } ifelse } bind "
     ">> setpagedevice\n";
-// - -  Marks the page for the guard, right before it is shown.
-const char MarkPage[] = "userdict /QuilletPageMarked true put\n";
-// - -  Print-safe: keeps the real showpage under a name of its own, which a
-// showpage redefinition that an earlier classic run left in the document
-// cannot reach; the marked pages are shown through it.
-const char KeepShowPage[] = "/QuilletShowPage /showpage load def\n";
-const char ShowPageKept[] = "QuilletShowPage\n";
+// What print-safe output defines for the whole job lives in global VM, which
+// no restore of the document takes back (a document may save the VM before
+// its first page and restore it in its trailer, after its last).
+//   - QuilletGlobal bool  Allocates what follows in global VM; leaves the
+//     previous allocation mode.
+//   bool QuilletEndGlobal -  Returns to that mode.
+const char GlobalVmProcedures[] = "/QuilletGlobal { currentglobal //true setglobal } bind def\n"
+                                  "/QuilletEndGlobal { setglobal } bind def\n";
+// - -  Around the marker fonts.
+const char GlobalVmBegin[] = "QuilletGlobal\n";
+const char GlobalVmEnd[] = "QuilletEndGlobal\n";
+// - QuilletShowMarkedPage -  Marks the page for the guard and shows it with
+// the real showpage.
+const char ShowMarkedPageProcedure[] =
+    "/QuilletShowMarkedPage { //userdict /QuilletPageMarked //true put //QuilletShowPage } bind def\n";
+const char ShowMarkedPage[] = "QuilletShowMarkedPage\n";
+// Print-safe simplex: a page's marker block is kept from the page's start
+// until the page is shown. The document's own showpage draws it and shows the
+// page wherever it stands, so a page shown inside a save and restore of its
+// own (ps2write sets each page's size so) keeps its content, its paper and
+// its marks; the page's end shows the page only when the document has not.
+// The block waits in global VM, which no restore of the document takes back:
+// marks once shown are not shown again, and a restore cannot drop them.
+//   bool proc QuilletPageStart -  Keeps the page's block (made in global VM,
+//     see QuilletGlobal); returns to the allocation mode.
+//   - QuilletShowPending -  Draws the kept block, if any, and shows the page;
+//     the document's showpage from now on.
+const char PendingMarksProcedures[] =
+    "//globaldict /QuilletPageMarks //null put\n"
+    "/QuilletPageStart { //globaldict /QuilletPageMarks 3 -1 roll put setglobal } bind def\n"
+    "/QuilletShowPending { //globaldict /QuilletPageMarks get dup //null eq { pop } "
+    "{ //globaldict /QuilletPageMarks //null put exec //QuilletShowMarkedPage exec } ifelse } bind def\n"
+    "/showpage /QuilletShowPending load def\n";
+// - -  Opens and closes the procedure of a page's block (simplex).
+const char PendingMarksBegin[] = "QuilletGlobal {\n";
+const char PendingMarksEnd[] = "} QuilletPageStart\n";
+const char ShowPending[] = "QuilletShowPending\n";
+// - -  A save that is never restored, made after the guard and the page size
+// request: a grestoreall or restore of the document goes back at most to it,
+// so the guard stays in the device. (Ghostscript runs a job inside a save of
+// its own, to which grestoreall would otherwise return.)
+const char KeepDeviceState[] = "save pop\n";
 // - -  Asks for the job's paper size.
 const char PageSizeRequest[] = "<< /PageSize [ %1 %2 ] /ImagingBBox null >> setpagedevice\n";
 // - -  Shows the page with the marker painted over it (simplex).
@@ -63,7 +106,7 @@ const char ShowPageReal[] = "showpagereal\n";
 const char PageLabel[] = "%%Page: %1 %1\n";
 const char PageSetup[] = "%%BeginPageSetup\n%%EndPageSetup\n";
 const char BackPageEnd[] = "showpage\n%%PageTrailer\n";
-const char KeptBackPageEnd[] = "QuilletShowPage\n%%PageTrailer\n";
+const char PageTrailer[] = "%%PageTrailer\n";
 
 const char PageComment[] = "%%Page:";
 const char PagesComment[] = "%%Pages:";
@@ -110,6 +153,48 @@ bool sameFile(const QString& first, const QString& second)
     struct stat b;
     return ::stat(QFile::encodeName(first).constData(), &a) == 0
         && ::stat(QFile::encodeName(second).constData(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether a document's first line is one comment that the interpreter ends
+// at the line's own end: a carriage return or form feed inside it would end
+// the comment there, and the code after it would run before anything that
+// print-safe output puts after the line. A final carriage return before the
+// line feed is a line end like any other.
+bool isWholeCommentLine(std::string_view line)
+{
+    if (!startsWith(line, "%") || line.back() != '\n')
+        return false;
+    line.remove_suffix(startsWith(line.substr(line.size() - 2), "\r\n") ? 2 : 1);
+    return line.find_first_of("\r\f") == std::string_view::npos;
+}
+
+// With print-safe output, a template that would leave a page of the document
+// without marks is refused: one that held more strings than are drawn, or
+// one that paints nothing on page 1, on the last page or on a page between
+// them (each stands for the pages of its kind).
+Status checkMarksOnEveryPage(const QString& templateFile, qint64 pageCount)
+{
+    const Marker& marker = Marker::instance();
+    if (marker.stringsDropped())
+        return Status::failure(
+            quilletText(QT_TRANSLATE_NOOP("Quillet", "Marker template %1 holds more than %2 marker strings"))
+                .arg(templateFile)
+                .arg(Marker::MaxMarkerStrings));
+    const int pages = int(qMin(pageCount, qint64(std::numeric_limits<int>::max())));
+    QList<int> kinds = {1};
+    if (pages > 2)
+        kinds.append(2);
+    if (pages > 1)
+        kinds.append(pages);
+    for (const int page : qAsConst(kinds)) {
+        if (marker.paintedStrings(marker.pageTypeFor(page, page == pages)) == 0)
+            return Status::failure(
+                quilletText(QT_TRANSLATE_NOOP("Quillet", "Marker template %1 draws nothing on page %2 of %3"))
+                    .arg(templateFile)
+                    .arg(page)
+                    .arg(pageCount));
+    }
+    return Status();
 }
 
 QByteArray pageLabel(qint64 number)
@@ -275,6 +360,17 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             quilletText(QT_TRANSLATE_NOOP("Quillet", "No pages was found in file %1")).arg(input));
     const qint64 pageCount = model.pageEndLines.size();
     trace(QStringLiteral("Page count: %1").arg(pageCount));
+    if (safeOutput) {
+        const Status marked = checkMarksOnEveryPage(templateFile, pageCount);
+        if (!marked.ok())
+            return marked;
+        source->seek(0);
+        if (!isWholeCommentLine(LineReader(*source).readLine()))
+            return Status::failure(
+                quilletText(QT_TRANSLATE_NOOP("Quillet",
+                                              "The first line of input file %1 is not a comment that ends at its line feed"))
+                    .arg(input));
+    }
 
     // Publish the page counts and hand the store back to the print path.
     const qint64 copies = number(variables.contains(QStringLiteral("copies"))
@@ -294,15 +390,20 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     source->seek(0);
     LineReader reader(*source);
 
-    // The head: up to the prolog, the showpage redefinition and page size,
-    // the rest of the head, the marker fonts, then the first "%%Page:" line.
+    // The head: up to the insertion point, the showpage redefinition and
+    // page size, the rest of the head, the marker fonts, then the first
+    // "%%Page:" line. Classic output inserts after the prolog line; print-safe
+    // output right after the first line, before any of the document's code,
+    // where nothing (a string, a procedure) can be open, and keeps what it
+    // sets there beyond the document's own saves.
     // The accounting stamp ends every copy: in simplex on a page of its own,
     // which the head's and the trailer's page counts include; in duplex on
     // the last back page.
     const bool stamp = variables.accountingStamp();
     const qint64 outputPages = stamp && !duplex ? pageCount + 1 : -1;
     const int stampCount = int(qBound(qint64(0), copies, qint64(std::numeric_limits<int>::max())));
-    copyHead(reader, outputTarget, model.prologLine + 1, outputPages);
+    const qint64 insertionLine = safeOutput ? 0 : model.prologLine;
+    copyHead(reader, outputTarget, insertionLine + 1, outputPages);
     qint64 currentCopy = number(variables.value(QStringLiteral("CURRENT_COPY")));
     if (!copyNumbersFit(currentCopy, pageCount)) {
         qWarning("Value of '%s' is out of range; it counts as 0", "CURRENT_COPY");
@@ -312,11 +413,15 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     if (safeOutput) {
         Insertions::begin(out);
         out.write(KeepShowPage);
-    }
-    if (!duplex)
-        out.write(RedefineShowpage);
-    if (safeOutput)
         out.write(duplex ? DuplexPageGuard : PageGuard);
+        Marker::writeBlockProcedures(out);
+        out.write(GlobalVmProcedures);
+        out.write(ShowMarkedPageProcedure);
+        if (!duplex)
+            out.write(PendingMarksProcedures);
+    } else if (!duplex) {
+        out.write(RedefineShowpage);
+    }
     if (!pageFormat.isEmpty() && pageFormat != QLatin1String("A4")) {
         const QString width = variables.value(QStringLiteral("DEVICEWIDTH"));
         const QString height = variables.value(QStringLiteral("DEVICEHEIGHT"));
@@ -326,14 +431,20 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             qWarning("Page size '%s' x '%s' is not a pair of positive numbers; no page size is requested",
                      qPrintable(width), qPrintable(height));
     }
-    if (safeOutput)
+    if (safeOutput) {
+        out.write(KeepDeviceState);
         Insertions::end(out);
-    copyHead(reader, outputTarget, model.firstPageLine - model.prologLine, outputPages);
-    if (safeOutput)
+    }
+    copyHead(reader, outputTarget, model.firstPageLine - insertionLine, outputPages);
+    if (safeOutput) {
         Insertions::begin(out);
+        out.write(GlobalVmBegin);
+    }
     Fonts::instance().writeFontResources(out, [&outputTarget](QFile& file) { outputTarget.append(file); });
-    if (safeOutput)
+    if (safeOutput) {
+        out.write(GlobalVmEnd);
         Insertions::end(out);
+    }
     copyLines(reader, outputTarget, 1);
 
     MarkerBlocks marker(Marker::instance());
@@ -341,30 +452,39 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     for (qint64 page = 1; page <= pageCount; ++page) {
         const qint64 pageEnd = model.pageEndLines.at(int(page - 1));
         trace(QStringLiteral("Copying page: %1").arg(page));
-        QByteArray boundingBox;
-        copyRuns(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
-
         variables.insert(QLatin1String(PageKeys::CurrentPage), QString::number(page));
         variables.insert(QLatin1String(PageKeys::CurrentPageContinuous),
                          QString::number((currentCopy - 1) * pageCount + page));
         if (PageCoder::instance().isOn())
             variables.insert(QLatin1String(PageKeys::PageCode), PageCoder::instance().code(page));
 
-        if (safeOutput)
+        // Print-safe simplex: the page's block waits from its start for the
+        // page to be shown.
+        if (safeOutput && !duplex) {
             Insertions::begin(out);
-        if (!duplex) {
+            out.write(PendingMarksBegin);
             marker.drawMarker(out, int(page), page == pageCount);
+            out.write(PendingMarksEnd);
+            Insertions::end(out);
+        }
+        QByteArray boundingBox;
+        copyRuns(reader, outputTarget, pageEnd - previousEnd - 1, duplex ? &boundingBox : nullptr);
+
+        if (!duplex) {
             if (safeOutput) {
-                out.write(MarkPage);
-                out.write(ShowPageKept);
+                Insertions::begin(out);
+                out.write(ShowPending);
                 Insertions::end(out);
             } else {
+                marker.drawMarker(out, int(page), page == pageCount);
                 out.write(ShowPageReal);
             }
             copyLines(reader, outputTarget, 1);
         } else {
             // A back page carrying the marker of this page; the document's
             // following page is renumbered after it.
+            if (safeOutput)
+                Insertions::begin(out);
             out.write(pageLabel(2 * page));
             out.write(boundingBox);
             out.write(PageSetup);
@@ -372,8 +492,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             if (stamp && page == pageCount)
                 marker.drawFonarik(out, stampCount);
             if (safeOutput) {
-                out.write(MarkPage);
-                out.write(KeptBackPageEnd);
+                out.write(ShowMarkedPage);
+                out.write(PageTrailer);
                 Insertions::end(out);
             } else {
                 out.write(BackPageEnd);
@@ -395,8 +515,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         out.write(pageLabel(pageCount + 1));
         out.write(PageSetup);
         marker.drawFonarik(out, stampCount);
-        out.write(MarkPage);
-        out.write(KeptBackPageEnd);
+        out.write(ShowMarkedPage);
+        out.write(PageTrailer);
         Insertions::end(out);
     }
     copyRest(reader, outputTarget, duplex ? 2 * pageCount : outputPages, safeOutput);

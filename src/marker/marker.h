@@ -56,8 +56,12 @@ public:
     bool changesPerPage(const QString& text) const;
 
     // The most marker strings a template may hold (pieces of "^"-split
-    // texts included); further strings are ignored with a warning.
+    // texts included); further strings are ignored with a warning, or,
+    // with print-safe output, make the run a refusal.
     static constexpr int MaxMarkerStrings = 4096;
+
+    // Whether the template held more strings than the model keeps.
+    bool stringsDropped() const { return m_stringCount > MaxMarkerStrings; }
 
     // How deep SCRIPT: references may nest inside a command; a deeper one is
     // not run and gives an empty text.
@@ -97,6 +101,14 @@ public:
     MarkerPositionMap stringsForPage(int page, bool lastPage) const;
     // The page type whose strings apply to a page.
     int pageTypeFor(int page, bool lastPage) const;
+    // How many strings of a page type a marker block paints at most: those
+    // at positions that are painted whose text is not blank (a text expanded
+    // per page counts when the template's text is not blank).
+    int paintedStrings(int pageType) const;
+
+    // Writes the definitions that isolated (print-safe) marker blocks call;
+    // they belong before any of the document's own code.
+    static void writeBlockProcedures(QIODevice& out);
 
     // Writes one marker block for a map of strings.
     void drawPage(QIODevice& out, const MarkerPositionMap& strings, bool fonarik, bool landscape) const;

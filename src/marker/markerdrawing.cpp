@@ -44,13 +44,28 @@ const PlacementKey PlacementKeys[] = {
 
 // --- Isolation of the block (print-safe output) -----------------------------------
 
-// - save  Opens the block in a saved state with a dictionary of its own, so
-// that the document's graphics state, current font and dictionaries are
-// exactly as before once the block ends.
-const char IsolatedBlockBegin[] = "save 20 dict begin\n";
-// save -  Closes the block and returns to the document's state; the paint
-// stays on the page.
-const char IsolatedBlockEnd[] = "end restore\n";
+// The two procedures that open and close an isolated block, defined once at
+// the top of the document, before any of its own code has run: bound there,
+// every operator in them is the interpreter's own, whatever the document
+// later defines under the same names.
+//
+// - QuilletBlockBegin save  Opens the block in a saved state, with systemdict
+// over the document's dictionaries (so that the operators that the block
+// calls by name are the interpreter's, not the document's redefinitions) and
+// a dictionary of its own over that; the block draws in the physical page's
+// default coordinates, in black, with the default transfer functions (gray
+// included), whatever state the page ended in.
+// save QuilletBlockEnd -  Closes the block and returns to the document's
+// state; the paint stays on the page.
+const char IsolationProcedures[] =
+    "/QuilletBlockBegin { save //systemdict begin 20 dict begin initgraphics "
+    "{} dup dup dup setcolortransfer 0 setgray } bind def\n"
+    "/QuilletBlockEnd { end end restore } bind def\n";
+// - save  Opens the block (see QuilletBlockBegin): the document's graphics
+// state, current font and dictionaries are exactly as before once it ends.
+const char IsolatedBlockBegin[] = "QuilletBlockBegin\n";
+// save -  Closes the block.
+const char IsolatedBlockEnd[] = "QuilletBlockEnd\n";
 
 // --- Stacking of the strings of one position ---------------------------------
 
@@ -159,6 +174,18 @@ double coordinate(const QString& group, const QString& position, bool millimetre
 bool isBlank(const QString& text)
 {
     return std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isSpace(); });
+}
+
+// Whether the strings of a position key are painted: a named position, or a
+// coordinate position that begins with "{" and reads as one.
+bool isPaintedPosition(const QString& position)
+{
+    for (const char* name : MarkerPosition::Names) {
+        if (position == QLatin1String(name))
+            return true;
+    }
+    return position.startsWith(QLatin1Char('{'))
+        && (pointPositionPattern().match(position).hasMatch() || millimetrePositionPattern().match(position).hasMatch());
 }
 
 int totalStrings(const MarkerPositionMap& map)
@@ -342,6 +369,26 @@ int Marker::pageTypeFor(int page, bool lastPage) const
     if (page != 1 && lastPage && totalStrings(m_strings.value(MarkerPageType::Last)) > 0)
         return MarkerPageType::Last;
     return MarkerPageType::Any;
+}
+
+int Marker::paintedStrings(int pageType) const
+{
+    int count = 0;
+    const MarkerPositionMap map = m_strings.value(pageType);
+    for (auto it = map.cbegin(); it != map.cend(); ++it) {
+        if (!isPaintedPosition(it.key()))
+            continue;
+        for (const MarkerStringPtr& string : it.value()) {
+            if (string && !isBlank(string->expanded ? string->expandedText : string->text))
+                ++count;
+        }
+    }
+    return count;
+}
+
+void Marker::writeBlockProcedures(QIODevice& out)
+{
+    out.write(IsolationProcedures);
 }
 
 MarkerPositionMap Marker::stringsForPage(int page, bool lastPage) const

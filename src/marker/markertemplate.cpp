@@ -85,8 +85,9 @@ bool Marker::addString(int pageType, const QString& position, const MarkerString
 {
     // Every string costs memory beyond its text, and a few bytes of template
     // ("^^^^") can ask for many strings: their number is bounded.
+    // With print-safe output the run is refused instead (see stringsDropped).
     if (m_stringCount >= MaxMarkerStrings) {
-        if (m_stringCount++ == MaxMarkerStrings)
+        if (m_stringCount++ == MaxMarkerStrings && !Variables::instance().safeOutput())
             qWarning("Template holds more than %d marker strings, the rest is ignored!", MaxMarkerStrings);
         return false;
     }

@@ -48,6 +48,31 @@ QString describe(const RunResult& result)
         .arg(QString::fromLocal8Bit(result.standardError.left(2000)));
 }
 
+// Runs the prepared job with print-safe output turned on or off by the
+// site's definitions (the shipped ones turn it on) and checks its outcome:
+// with an empty message a run that succeeds with an output; otherwise a
+// refusal whose standard error ends with the message, the variables file as
+// it was and no output.
+void verifyRunOrRefusal(const FixtureTree& tree, bool safeOutput, const QByteArray& message)
+{
+    tree.write(QStringLiteral("etc-cups/marker.defs"),
+               safeOutput ? QByteArray("MarkerSafeOutput=1\n") : QByteArray("MarkerTopShift=8\n"));
+
+    const RunResult result = tree.runQuillet(jobArguments());
+
+    QVERIFY2(!result.crashed, qPrintable(describe(result)));
+    if (message.isEmpty()) {
+        QVERIFY2(result.exitCode == 0, qPrintable(describe(result)));
+        QVERIFY(tree.exists(QStringLiteral("job/out.ps")));
+        return;
+    }
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError == message || result.standardError.endsWith('\n' + message),
+             qPrintable(describe(result)));
+    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
+    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+}
+
 QStringList replaceJobRoot(const QStringList& list, const QString& jobDir)
 {
     QStringList result;
@@ -78,6 +103,8 @@ private slots:
     void nonRegularFilesAreRefused();
     void catalogueThatCannotDrawIsRefused_data();
     void catalogueThatCannotDrawIsRefused();
+    void jobThatWouldLeaveMarksOffIsRefused_data();
+    void jobThatWouldLeaveMarksOffIsRefused();
 
     void definitionsFileIsChosen_data();
     void definitionsFileIsChosen();
@@ -394,22 +421,77 @@ void TestCommandLine::catalogueThatCannotDrawIsRefused()
     QVERIFY(QFile::remove(tree.path(QStringLiteral("share-cups/") + damage)));
     if (asFolder)
         QVERIFY(QDir().mkpath(tree.path(QStringLiteral("share-cups/") + damage)));
-    // The site's definitions decide; the shipped ones turn print-safe output on.
-    tree.write(QStringLiteral("etc-cups/marker.defs"),
-               safeOutput ? QByteArray("MarkerSafeOutput=1\n") : QByteArray("MarkerTopShift=8\n"));
+    verifyRunOrRefusal(tree, safeOutput, message);
+}
 
-    const RunResult result = tree.runQuillet(jobArguments());
+// With print-safe output a job whose marks could not be guarded or would be
+// missing from some page ends before any output: a template with more strings
+// than are drawn, a template that draws nothing on one of the document's
+// pages, and a document whose first line is not a whole comment (a carriage
+// return or form feed ends the comment for the interpreter, and what follows
+// would run before anything of the filter). Without it the job runs as it
+// always did.
+void TestCommandLine::jobThatWouldLeaveMarksOffIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("markerTemplate");
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<bool>("safeOutput");
+    QTest::addColumn<QByteArray>("message"); // the last line of standard error, empty for success
 
-    QVERIFY2(!result.crashed, qPrintable(describe(result)));
-    if (message.isEmpty()) {
-        QVERIFY2(result.exitCode == 0, qPrintable(describe(result)));
-        QVERIFY(tree.exists(QStringLiteral("job/out.ps")));
-        return;
-    }
-    QCOMPARE(result.exitCode, 1);
-    QVERIFY2(result.standardError.endsWith('\n' + message), qPrintable(describe(result)));
-    QCOMPARE(tree.read(QStringLiteral("job/vars.txt")), JobVariables);
-    QVERIFY(!tree.exists(QStringLiteral("job/out.ps")));
+    const QByteArray any = "any:normal:12::bottom-center:Page {CURRENT_PAGE}\n";
+    const QByteArray first = "first:bold:12::top-center:First\n";
+    const QByteArray last = "last:bold:12::top-center:Last\n";
+    QByteArray tooMany;
+    for (int i = 0; i <= 4096; ++i)
+        tooMany += any;
+    const QByteArray codeOnHeader = "%!PS-Adobe-3.0\r72 72 moveto 144 144 lineto stroke showpage\n"
+                                    + minimalDocument(1).mid(int(qstrlen("%!PS-Adobe-3.0\n")));
+    const QByteArray drawsNothing = "Marker template marker.tpl draws nothing on page %1 of %2\n";
+    auto nothingOn = [&drawsNothing](int page, int pages) {
+        return QByteArray(drawsNothing).replace("%1", QByteArray::number(page)).replace("%2", QByteArray::number(pages));
+    };
+
+    QTest::newRow("print-safe: no strings at all") << QByteArray() << minimalDocument(1) << true << nothingOn(1, 1);
+    QTest::newRow("print-safe: every line rejected")
+        << QByteArray("every:normal:12::top-left:X\nany:normal:12::middle:X\n") << minimalDocument(1) << true
+        << nothingOn(1, 1);
+    QTest::newRow("print-safe: only a position that is never painted")
+        << QByteArray("any:normal:12::x{1;2}y:X\n") << minimalDocument(2) << true << nothingOn(1, 2);
+    QTest::newRow("print-safe: first strings only, the last page has none")
+        << first << minimalDocument(2) << true << nothingOn(2, 2);
+    QTest::newRow("print-safe: first and last strings, a middle page has none")
+        << first + last << minimalDocument(3) << true << nothingOn(2, 3);
+    QTest::newRow("print-safe: last strings only, a one-page document shows none")
+        << last << minimalDocument(1) << true << nothingOn(1, 1);
+    QTest::newRow("print-safe: more strings than are drawn")
+        << tooMany << minimalDocument(1) << true
+        << QByteArray("Marker template marker.tpl holds more than 4096 marker strings\n");
+    QTest::newRow("print-safe: code on the header line after a carriage return")
+        << any << codeOnHeader << true
+        << QByteArray("The first line of input file in.ps is not a comment that ends at its line feed\n");
+    QTest::newRow("print-safe: first, last and any strings mark every page")
+        << first + last + any << minimalDocument(3) << true << QByteArray();
+    QTest::newRow("print-safe: a header line ended by a carriage return and a line feed")
+        << any << "%!PS-Adobe-3.0\r\n" + minimalDocument(2).mid(int(qstrlen("%!PS-Adobe-3.0\n"))) << true
+        << QByteArray();
+    QTest::newRow("classic: no strings at all") << QByteArray() << minimalDocument(1) << false << QByteArray();
+    QTest::newRow("classic: first strings only") << first << minimalDocument(2) << false << QByteArray();
+    QTest::newRow("classic: more strings than are drawn") << tooMany << minimalDocument(1) << false << QByteArray();
+    QTest::newRow("classic: code on the header line") << any << codeOnHeader << false << QByteArray();
+}
+
+void TestCommandLine::jobThatWouldLeaveMarksOffIsRefused()
+{
+    QFETCH(QByteArray, markerTemplate);
+    QFETCH(QByteArray, document);
+    QFETCH(bool, safeOutput);
+    QFETCH(QByteArray, message);
+
+    FixtureTree tree;
+    prepareJob(tree);
+    tree.write(QStringLiteral("job/in.ps"), document);
+    tree.write(QStringLiteral("job/marker.tpl"), markerTemplate);
+    verifyRunOrRefusal(tree, safeOutput, message);
 }
 
 void TestCommandLine::definitionsFileIsChosen_data()
@@ -566,7 +648,7 @@ void TestCommandLine::duplexFlagReachesDocumentFilter()
     const QByteArray output = tree.read(QStringLiteral("job/out.ps"));
     QVERIFY(output.startsWith("%!PS-Adobe-3.0\n"));
     QCOMPARE(output.contains("\n%%Page: 2 2\n"), duplex);
-    QCOMPARE(output.contains("\n/showpage {} def\n"), !duplex);
+    QCOMPARE(output.contains("\n/showpage "), !duplex);
 }
 
 void TestCommandLine::messagesAreTranslated()

@@ -272,6 +272,9 @@ private slots:
     void inputLinesSurvive_data();
     void inputLinesSurvive();
 
+    void printSafePatternPrints_data();
+    void printSafePatternPrints();
+
 private:
     void addRows();
     bool addDocument(const QString& key, const QString& label, const QString& file);
@@ -282,6 +285,7 @@ private:
     QMap<QString, Document> m_documents;
     QMap<QString, QSharedPointer<MarkedJob>> m_jobs;
     QString m_toolError;
+    QList<RealDocument> m_patterns;
 };
 
 bool TestRealDocuments::addDocument(const QString& key, const QString& label, const QString& file)
@@ -325,6 +329,9 @@ void TestRealDocuments::initTestCase()
     QVERIFY2(!documents.isEmpty(), qPrintable(m_toolError));
     for (const RealDocument& document : documents)
         QVERIFY2(addDocument(document.key, document.label, document.file), qPrintable(m_toolError));
+    QVERIFY(haveProgram(QStringLiteral("enscript")));
+    m_patterns = makePrintSafePatterns(m_work.path(), &m_toolError);
+    QVERIFY2(!m_patterns.isEmpty(), qPrintable(m_toolError));
 }
 
 const MarkedJob& TestRealDocuments::job(const QString& document, bool duplex)
@@ -609,6 +616,70 @@ void TestRealDocuments::inputLinesSurvive()
 
     const QString problem = checkInsertions(inputLines, outputLines, duplex, input.pages);
     QVERIFY2(problem.isEmpty(), qPrintable(problem));
+}
+
+void TestRealDocuments::printSafePatternPrints_data()
+{
+    QTest::addColumn<QString>("file");
+    for (const RealDocument& document : qAsConst(m_patterns))
+        QTest::newRow(qPrintable(document.label)) << document.file;
+}
+
+// With print-safe output, documents that show their pages inside a saved VM,
+// set their page size inside each page's save and restore, or end their
+// pages in another coordinate system print on a device whose own paper is A4
+// as they print unmarked: as many sheets, each of its own size, with every
+// pixel of the document outside the margin bands; and every sheet carries
+// the marks in both bands, readable as text.
+void TestRealDocuments::printSafePatternPrints()
+{
+    QFETCH(QString, file);
+    QString error;
+    const QList<GrayPage> original = renderPages(file, Resolution, &error);
+    QVERIFY2(error.isEmpty() && !original.isEmpty(), qPrintable(error));
+
+    FixtureTree tree;
+    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
+    tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
+    tree.copy(file, QStringLiteral("job/input.ps"));
+    tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
+    tree.write(QStringLiteral("job/job.vars"), "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
+    const RunResult run = tree.runQuillet({QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"),
+                                           QStringLiteral("job.vars"), QStringLiteral("output.ps")});
+    QVERIFY2(run.exitCode == 0, qPrintable(QString::fromLocal8Bit(run.standardError)));
+    const QString output = tree.path(QStringLiteral("job/output.ps"));
+    const QString errors = ghostscriptErrors(output);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    const QList<GrayPage> marked = renderPages(output, Resolution, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QCOMPARE(marked.size(), original.size());
+
+    const int pages = original.size();
+    const int topBand = pointsToPixels(TopBandPoints, Resolution);
+    const int bottomBand = pointsToPixels(BottomBandPoints, Resolution);
+    for (int page = 0; page < pages; ++page) {
+        const GrayPage& before = original.at(page);
+        const GrayPage& after = marked.at(page);
+        const QString where = QStringLiteral("sheet %1").arg(page + 1);
+        QCOMPARE(after.width, before.width);
+        QCOMPARE(after.height, before.height);
+        const qint64 outside = differingPixels(after, before, topBand, bottomBand);
+        QVERIFY2(outside == 0, qPrintable(where + QStringLiteral(": %1 pixels differ outside the bands").arg(outside)));
+        QVERIFY2(differingPixels(after, before, QRect(0, 0, after.width, topBand)) > 0,
+                 qPrintable(where + QStringLiteral(": nothing marked in the top band")));
+        QVERIFY2(differingPixels(after, before, QRect(0, after.height - bottomBand, after.width, bottomBand)) > 0,
+                 qPrintable(where + QStringLiteral(": nothing marked in the bottom band")));
+    }
+
+    const QString pdf = tree.path(QStringLiteral("job/output.pdf"));
+    QVERIFY2(convertToPdf(output, pdf, &error), qPrintable(error));
+    const QStringList texts = pdfPageTexts(pdf);
+    QCOMPARE(texts.size(), pages);
+    for (int page = 1; page <= pages; ++page) {
+        const QString text = texts.at(page - 1).simplified();
+        QVERIFY2(text.contains(Label) && text.contains(pageMark(page, pages)) && text.contains(ownerMark()),
+                 qPrintable(QStringLiteral("sheet %1 reads: %2").arg(page).arg(text.left(300))));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestRealDocuments)

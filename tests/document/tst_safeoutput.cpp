@@ -207,6 +207,51 @@ QStringList stateReports(const QByteArray& output)
     return reports;
 }
 
+// A hand-written document written against the marks: what Ghostscript shows
+// of it unmarked, and what the filter must make of it.
+struct HostileDocument
+{
+    const char* name;
+    int sheets;   // sheets the unmarked document shows
+    int pages;    // its pages: every page is one marked sheet
+    bool refused; // the filter refuses it instead
+};
+
+QList<HostileDocument> hostileDocuments()
+{
+    return {// Code between the header and the prolog that shows a sheet, and a
+            // string opened there that runs on past the prolog line.
+            {"code-before-prolog", 3, 2, false},
+            {"string-before-prolog", 2, 2, false},
+            // Code on the header line after a carriage return or a form feed,
+            // which end the comment for the interpreter.
+            {"header-carriage-return", 3, 2, true},
+            {"header-form-feed", 3, 2, true},
+            // Pages that end in a state of their own.
+            {"tiny-scale", 3, 3, false},
+            {"mirrored-page", 3, 3, false},
+            {"whitening-transfer", 3, 3, false},
+            {"redefined-operators", 3, 3, false},
+            // The real showpage after grestoreall, and after restoring a save
+            // made before the prolog.
+            {"grestoreall", 4, 3, false},
+            {"restore-before-prolog-save", 4, 3, false}};
+}
+
+// A document of boxes like the hand-written ones, without any trick.
+QByteArray plainDocument(int pages)
+{
+    QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages)
+                          + "\n%%EndComments\n%%BeginProlog\n"
+                            "/box { dup 40 mul 200 add 100 exch 300 3 index 10 mul 20 add rectfill pop } bind def\n"
+                            "%%EndProlog\n";
+    for (int page = 1; page <= pages; ++page) {
+        const QByteArray number = QByteArray::number(page);
+        document += "%%Page: " + number + ' ' + number + '\n' + number + " box\nshowpage\n%%PageTrailer\n";
+    }
+    return document + "%%Trailer\n%%EOF\n";
+}
+
 } // namespace
 
 class TestSafeOutput : public QObject
@@ -250,6 +295,9 @@ private slots:
     void unmarkedPagesWithoutKey();
     void everyShownPageMarkedWithKey_data();
     void everyShownPageMarkedWithKey();
+
+    void hostileDocumentMarkedOrRefused_data();
+    void hostileDocumentMarkedOrRefused();
 
 private:
     QString make(const QString& name) const { return m_work.filePath(name); }
@@ -364,6 +412,20 @@ void TestSafeOutput::initTestCase()
         const QString key = QLatin1String(route.first);
         QVERIFY2(addDocument(key, key, sources + key + QStringLiteral(".ps")), qPrintable(m_toolError));
         QCOMPARE(m_documents.value(key).pages, route.second);
+    }
+
+    // Documents written against the marks, with the sheets Ghostscript
+    // shows of them unmarked, and plain documents of the same page counts
+    // whose marks show how the marks must look.
+    for (const HostileDocument& hostile : hostileDocuments()) {
+        const QString key = QLatin1String(hostile.name);
+        QVERIFY2(addDocument(key, key, sources + key + QStringLiteral(".ps")), qPrintable(m_toolError));
+        QCOMPARE(m_documents.value(key).pages, hostile.sheets);
+    }
+    for (const int pages : {2, 3}) {
+        const QString file = make(QStringLiteral("plain-%1.ps").arg(pages));
+        QVERIFY(writeFile(file, plainDocument(pages)));
+        QVERIFY2(addDocument(QStringLiteral("plain-%1").arg(pages), file, file), qPrintable(m_toolError));
     }
 }
 
@@ -638,7 +700,8 @@ void TestSafeOutput::pagesEndAtTheDocumentsOwnComments_data()
 }
 
 // Where the pages end, in simplex: every marker block ends in "showpagereal"
-// (print-safe: "QuilletShowPage" and the end of the insertion), and the line
+// (print-safe: every page ends in "QuilletShowPending", which shows the page
+// when the document has not, and the end of the insertion), and the line
 // after it must be the document's own next "%%Page:" line, or its own
 // "%%Trailer" after the last page. Without the key the embedded documents'
 // lines show up there; with it exactly the document's own.
@@ -666,7 +729,7 @@ void TestSafeOutput::pagesEndAtTheDocumentsOwnComments()
 
     QList<QByteArray> following;
     const QList<QByteArray> lines = splitLines(marked.bytes);
-    const QByteArray shown = safe ? "QuilletShowPage\n" : "showpagereal\n";
+    const QByteArray shown = safe ? "QuilletShowPending\n" : "showpagereal\n";
     const int after = safe ? 2 : 1;
     for (int i = 0; i + after < lines.size(); ++i)
         if (lines.at(i) == shown && (!safe || lines.at(i + 1) == "%quillet-insertion-end\n"))
@@ -855,13 +918,18 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections_data()
 }
 
 // On a document without embedded documents the print-safe output is the
-// classic output plus the marker fonts' underline metrics, the lines that
-// open and close every marker block, the page guard after the prolog line,
-// the line that marks each page for it, the lines around every insertion,
-// the records of the lines that duplex output renumbers, and the real
-// showpage kept under a name of its own, which shows each page where the
-// classic output has "showpagereal" (simplex) or "showpage" (duplex); taken
-// out, the rest is the classic output byte for byte.
+// classic output with its additions taken apart: the definitions right after
+// the first line (the real showpage kept under a name of its own, the page
+// guard, the procedures of the blocks, and in simplex the showpage that shows
+// a page's waiting block) where the classic output redefines showpage after
+// the prolog line; the marker fonts made in global VM, with their underline
+// metrics; the lines that open and close every marker block; in simplex every
+// page's block at the page's start, waiting, and at the page's end the line
+// that shows it where the classic output has the block and "showpagereal";
+// in duplex the back pages shown marked where the classic output has
+// "showpage"; the lines around every insertion and the records of the lines
+// that duplex output renumbers. Put back together, it is the classic output
+// byte for byte.
 void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
 {
     QFETCH(QByteArray, markerTemplate);
@@ -871,49 +939,80 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
     QVERIFY2(classic.run.exitCode == 0 && !classic.bytes.isEmpty(), qPrintable(describeRun(classic.run)));
     QVERIFY2(safe.run.exitCode == 0 && !safe.bytes.isEmpty(), qPrintable(describeRun(safe.run)));
 
+    const QByteArray begin = "%quillet-insertion-begin\n";
+    const QByteArray end = "%quillet-insertion-end\n";
     QList<QByteArray> rest;
+    QList<QByteArray> waiting; // the block of the page being copied (simplex)
     int blockOpenings = 0;
     int blockClosings = 0;
     int fontInfos = 0;
     int metricProcedures = 0;
+    int heads = 0;
     int guards = 0;
     int insertionLines = 0;
-    int keptShowPages = 0;
+    int globalFonts = 0;
     int records = 0;
-    const QByteArray markPage = "userdict /QuilletPageMarked true put\n";
+    bool prologSeen = false;
     const QList<QByteArray> lines = splitLines(safe.bytes);
     for (int i = 0; i < lines.size(); ++i) {
         const QByteArray& line = lines.at(i);
-        if (line == "save 20 dict begin\n" && lines.value(i + 1) == "% Common variables:\n") {
+        // The head's definitions, a whole insertion right after the first line.
+        if (i == 1 && line == begin && lines.value(2) == "/QuilletShowPage /showpage load def\n") {
+            ++heads;
+            insertionLines += 2;
+            for (i += 2; i < lines.size() && lines.at(i) != end; ++i) {
+                if (lines.at(i).startsWith("<< /EndPage {") && lines.at(i).endsWith("} bind >> setpagedevice\n"))
+                    ++guards;
+            }
+            continue;
+        }
+        if (!prologSeen && line.startsWith("%%BeginProlog")) {
+            prologSeen = true;
+            rest.append(line);
+            if (!duplex)
+                rest << "/showpagereal /showpage load def\n" << "/showpage {} def\n";
+            continue;
+        }
+        if (line == "QuilletBlockBegin\n") {
             ++blockOpenings;
             continue;
         }
-        if (line == "end restore\n" && lines.value(i + 1) == markPage && lines.value(i + 2) == "QuilletShowPage\n") {
+        if (line == "QuilletBlockEnd\n") {
             ++blockClosings;
-            rest.append(duplex ? "showpage\n" : "showpagereal\n");
-            i += 2;
             continue;
         }
-        if (line == "%quillet-insertion-begin\n" || line == "%quillet-insertion-end\n") {
+        if (line == begin || line == end) {
             ++insertionLines;
             continue;
         }
-        if (line == "/QuilletShowPage /showpage load def\n") {
-            ++keptShowPages;
+        if (line == "QuilletGlobal\n" || line == "QuilletEndGlobal\n") {
+            ++globalFonts;
+            continue;
+        }
+        // Simplex: the block waits from the page's start and is shown at its end.
+        if (!duplex && line == "QuilletGlobal {\n") {
+            waiting.clear();
+            for (++i; i < lines.size() && lines.at(i) != "} QuilletPageStart\n"; ++i) {
+                const QByteArray& blockLine = lines.at(i);
+                if (blockLine == "QuilletBlockBegin\n")
+                    ++blockOpenings;
+                else if (blockLine == "QuilletBlockEnd\n")
+                    ++blockClosings;
+                else
+                    waiting.append(blockLine);
+            }
+            continue;
+        }
+        if (!duplex && line == "QuilletShowPending\n") {
+            rest << waiting << "showpagereal\n";
+            continue;
+        }
+        if (duplex && line == "QuilletShowMarkedPage\n") {
+            rest.append("showpage\n");
             continue;
         }
         if (line.startsWith("%quillet-replaced: ")) {
             ++records;
-            continue;
-        }
-        // The guard: its flags, then the EndPage procedure.
-        const int flags = duplex ? 2 : 1;
-        if (line == "userdict /QuilletPageMarked false put\n"
-            && (!duplex || lines.value(i + 1) == "userdict /QuilletFrontShown false put\n")
-            && lines.value(i + flags).startsWith("<< /EndPage {")
-            && lines.value(i + flags).endsWith(">> setpagedevice\n")) {
-            ++guards;
-            i += flags;
             continue;
         }
         if (line == "/markerUnderlineMetric {\n" || line == "/FontInfo 2 dict dup begin\n") {
@@ -926,13 +1025,14 @@ void TestSafeOutput::safeOutputAddsOnlyItsCorrections()
         rest.append(line);
     }
     const int pages = m_documents.value(QStringLiteral("enscript")).pages;
+    QCOMPARE(heads, 1);
+    QCOMPARE(guards, 1);
     QCOMPARE(blockOpenings, pages);
     QCOMPARE(blockClosings, pages);
-    QCOMPARE(guards, 1);
-    // The head, the fonts and every page are insertions; duplex output
-    // renumbers every page after the first.
-    QCOMPARE(insertionLines, 2 * (2 + pages));
-    QCOMPARE(keptShowPages, 1);
+    QCOMPARE(globalFonts, 2);
+    // The head, the fonts and every page are insertions, in simplex two per
+    // page; duplex output renumbers every page after the first.
+    QCOMPARE(insertionLines, 2 * (2 + (duplex ? 1 : 2) * pages));
     QVERIFY2(duplex ? records >= pages - 1 : records == 0, qPrintable(QString::number(records)));
     QCOMPARE(metricProcedures, 1);
     // One composite font per style that the template uses.
@@ -1049,6 +1149,60 @@ void TestSafeOutput::everyShownPageMarkedWithKey()
     } else {
         const QString problem = compareWithInput(input, pages, duplex);
         QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    }
+}
+
+void TestSafeOutput::hostileDocumentMarkedOrRefused_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<int>("pages");
+    QTest::addColumn<bool>("refused");
+    for (const HostileDocument& hostile : hostileDocuments())
+        QTest::newRow(hostile.name) << QString::fromLatin1(hostile.name) << hostile.pages << hostile.refused;
+}
+
+// Every sheet that Ghostscript shows of a document written against the marks
+// carries them exactly as a plain document of as many pages gets them:
+// upright, at their size, black on white, one marked sheet per page. Or the
+// filter refuses the document and writes nothing.
+void TestSafeOutput::hostileDocumentMarkedOrRefused()
+{
+    QFETCH(QString, document);
+    QFETCH(int, pages);
+    QFETCH(bool, refused);
+
+    const Job& marked = job(document, MarkTemplate, false, SafeOutput);
+    if (refused) {
+        QVERIFY2(!marked.run.crashed && marked.run.exitCode == 1, qPrintable(describeRun(marked.run)));
+        QVERIFY2(marked.run.standardError.contains("is not a comment that ends at its line feed"),
+                 qPrintable(describeRun(marked.run)));
+        QVERIFY(!marked.tree->exists(QStringLiteral("job/output.ps")));
+        return;
+    }
+    QVERIFY2(marked.run.exitCode == 0 && !marked.bytes.isEmpty(), qPrintable(describeRun(marked.run)));
+    const QString errors = ghostscriptErrors(marked.output);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    const QList<GrayPage> sheets = renderPages(marked.output, Resolution);
+    const Job& plain = job(QStringLiteral("plain-%1").arg(pages), MarkTemplate, false, SafeOutput);
+    QVERIFY2(plain.run.exitCode == 0, qPrintable(describeRun(plain.run)));
+    const QList<GrayPage> expected = renderPages(plain.output, Resolution);
+    QCOMPARE(expected.size(), pages);
+    QCOMPARE(sheets.size(), pages);
+    for (int sheet = 0; sheet < pages; ++sheet) {
+        const GrayPage& page = sheets.at(sheet);
+        QCOMPARE(page.width, expected.at(sheet).width);
+        QCOMPARE(page.height, expected.at(sheet).height);
+        const int topBand = pointsToPixels(TopBandPoints, Resolution);
+        const int bottomBand = pointsToPixels(BottomBandPoints, Resolution);
+        for (const QRect& band : {QRect(0, 0, page.width, topBand),
+                                  QRect(0, page.height - bottomBand, page.width, bottomBand)}) {
+            QVERIFY2(inkPixels(page, band) > 0, qPrintable(QStringLiteral("sheet %1 has no marks").arg(sheet + 1)));
+            const qint64 differing = differingPixels(page, expected.at(sheet), band);
+            QVERIFY2(differing == 0, qPrintable(QStringLiteral("the marks of sheet %1 differ from a plain page's in %2 "
+                                                               "pixels")
+                                                    .arg(sheet + 1)
+                                                    .arg(differing)));
+        }
     }
 }
 

@@ -56,6 +56,10 @@ int main(int argc, char* argv[])
     if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return 2;
     output.write("%!PS\n");
+    // Print-safe blocks call procedures that the document filter defines
+    // after the first line.
+    if (Variables::instance().safeOutput())
+        Marker::writeBlockProcedures(output);
     fonts.writeFontResources(output);
     output.write(PageContent);
     marker.drawMarker(output, 1, true);
