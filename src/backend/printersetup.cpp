@@ -41,20 +41,27 @@ PrinterSetup printerSetup(const QString& ppdFile, const QByteArray& options, boo
                                          "but it has no printer description (PPD) that offers it");
         return setup;
     }
+    // Whether the printer can print two-sided is the queue's matter, not the
+    // job's: it is asked before the job's options (which could claim a
+    // duplexer among the installable options) are marked.
     ppdMarkDefaults(ppd);
-    cups_option_t* parsed = nullptr;
-    const int count = cupsParseOptions(options.constData(), 0, &parsed);
-    cupsMarkOptions(ppd, count, parsed);
-    cupsFreeOptions(count, parsed);
     if (twoSided) {
         ppd_option_t* duplex = ppdFindOption(ppd, DuplexOption);
         if (!duplex || !ppdFindChoice(duplex, LongEdgeChoice))
             setup.error = QStringLiteral("the queue prints back pages, which needs two-sided printing, "
                                          "but its printer description (PPD) has no %1 option with %2")
                               .arg(QLatin1String(DuplexOption), QLatin1String(LongEdgeChoice));
-        else
-            ppdMarkOption(ppd, DuplexOption, LongEdgeChoice);
+        else if (ppdInstallableConflict(ppd, DuplexOption, LongEdgeChoice))
+            setup.error = QStringLiteral("the queue prints back pages, which needs two-sided printing, "
+                                         "but its installable options say the printer has no duplexer "
+                                         "(set them with lpadmin -p <queue> -o <option>=<value>)");
     }
+    cups_option_t* parsed = nullptr;
+    const int count = cupsParseOptions(options.constData(), 0, &parsed);
+    cupsMarkOptions(ppd, count, parsed);
+    cupsFreeOptions(count, parsed);
+    if (twoSided && setup.error.isEmpty())
+        ppdMarkOption(ppd, DuplexOption, LongEdgeChoice);
     if (setup.error.isEmpty()) {
         appendSection(ppd, PPD_ORDER_PROLOG, &setup.code);
         appendSection(ppd, PPD_ORDER_DOCUMENT, &setup.code);

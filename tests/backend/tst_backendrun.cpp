@@ -69,6 +69,16 @@ const char DuplexOption[] = "*OpenUI *Duplex/2-Sided Printing: PickOne\n"
                             "*Duplex DuplexNoTumble/Long Edge: \"<</Duplex true/Tumble false>>setpagedevice\"\n"
                             "*Duplex DuplexTumble/Short Edge: \"<</Duplex true/Tumble true>>setpagedevice\"\n"
                             "*CloseUI: *Duplex\n";
+// An installable duplexer that the queue says is not there.
+const char MissingDuplexer[] = "*OpenGroup: InstallableOptions/Installable Options\n"
+                               "*OpenUI *Option1/Duplexer: Boolean\n"
+                               "*DefaultOption1: False\n"
+                               "*Option1 False/Not Installed: \"\"\n"
+                               "*Option1 True/Installed: \"\"\n"
+                               "*CloseUI: *Option1\n"
+                               "*CloseGroup: InstallableOptions\n"
+                               "*UIConstraints: *Duplex *Option1 False\n"
+                               "*UIConstraints: *Option1 False *Duplex\n";
 const char LongEdgeCode[] = "<</Duplex true/Tumble false>>setpagedevice";
 
 // The print server's side of one backend run.
@@ -108,11 +118,16 @@ class BackendRig
     {
         m_tree.write(QStringLiteral("etc-cups/marker.defs"), content);
     }
-    // The queue's PPD; with `twoSided`, it offers two-sided printing.
-    void setPpd(bool twoSided)
+    // The queue's PPD: one-sided, two-sided, or two-sided with the duplexer
+    // marked as not installed.
+    enum class Sides { One, Two, TwoWithoutDuplexer };
+    void setPpd(Sides sides)
     {
         m_ppd = m_dir.filePath("queue.ppd");
-        writeFile(m_ppd, QByteArray(TwoSidedPpd).replace("@DUPLEX@", twoSided ? DuplexOption : ""));
+        const QByteArray duplex = sides == Sides::One ? QByteArray()
+                                  : sides == Sides::Two ? QByteArray(DuplexOption)
+                                                        : QByteArray(DuplexOption) + MissingDuplexer;
+        writeFile(m_ppd, QByteArray(TwoSidedPpd).replace("@DUPLEX@", duplex));
     }
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
 
@@ -340,7 +355,7 @@ void TestBackendRun::setUpThatCannotMarkIsRefused_data()
     QTest::addColumn<QByteArray>("definitions"); // empty: the shipped ones
     QTest::addColumn<QByteArray>("variables");   // empty: no variables file
     QTest::addColumn<QByteArray>("queueTemplate");
-    QTest::addColumn<int>("ppd"); // 0 none, 1 one-sided, 2 two-sided
+    QTest::addColumn<int>("ppd"); // 0 none, 1 one-sided, 2 two-sided, 3 two-sided without its duplexer
     QTest::addColumn<QByteArray>("reason");
     const QByteArray vars = "MarkerJobOptions=project\n";
     QTest::newRow("site definitions of one line")
@@ -368,6 +383,9 @@ void TestBackendRun::setUpThatCannotMarkIsRefused_data()
     QTest::newRow("back pages on a one-sided printer")
         << QByteArray() << QByteArray("MarkerDuplexBackPages=1\n") << QByteArray(Template) << 1
         << QByteArray("has no Duplex option with DuplexNoTumble");
+    QTest::newRow("back pages, duplexer not installed")
+        << QByteArray() << QByteArray("MarkerDuplexBackPages=1\n") << QByteArray(Template) << 3
+        << QByteArray("say the printer has no duplexer");
 }
 
 void TestBackendRun::setUpThatCannotMarkIsRefused()
@@ -386,7 +404,9 @@ void TestBackendRun::setUpThatCannotMarkIsRefused()
     else
         rig.setVariables(variables);
     if (ppd > 0)
-        rig.setPpd(ppd == 2);
+        rig.setPpd(ppd == 1 ? BackendRig::Sides::One
+                   : ppd == 2 ? BackendRig::Sides::Two
+                              : BackendRig::Sides::TwoWithoutDuplexer);
     const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
     QVERIFY2(run.exitCode == 5, run.standardError.constData());
     QVERIFY2(run.standardError.startsWith("ERROR: quillet: job 7 on q refused, nothing printed: "),
@@ -414,7 +434,7 @@ void TestBackendRun::backPagesAlwaysPrintTwoSided()
     BackendRig rig;
     rig.setTemplate(Template);
     rig.setVariables("MarkerDuplexBackPages=1\n");
-    rig.setPpd(true);
+    rig.setPpd(BackendRig::Sides::Two);
     writeFile(rig.path("pages.ps"), minimalDocument(pages));
     QStringList arguments = jobArguments(rig.path("pages.ps"), QStringLiteral("1"));
     arguments[4] = options;

@@ -155,9 +155,12 @@ StandInPrinter& TestPrintQueue::printer(const QString& queue)
 
 void TestPrintQueue::addQueue(const QString& queue, const QString& uri)
 {
+    // The generic printer's duplexer is an installable option, off until
+    // the administrator says it is there.
     const RunResult added = m_server.admin(
-        QStringLiteral("lpadmin"), {QStringLiteral("-p"), queue, QStringLiteral("-E"), QStringLiteral("-v"),
-                                    uri, QStringLiteral("-m"), QLatin1String(GenericPpd)});
+        QStringLiteral("lpadmin"), {QStringLiteral("-p"), queue, QStringLiteral("-E"), QStringLiteral("-v"), uri,
+                                    QStringLiteral("-m"), QLatin1String(GenericPpd), QStringLiteral("-o"),
+                                    QStringLiteral("Option1=True")});
     QVERIFY2(added.exitCode == 0, added.standardError.constData());
 }
 
