@@ -12,6 +12,7 @@
 #include "backend/pagesize.h"
 #include "backend/postscriptjob.h"
 #include "backend/printersetup.h"
+#include "backend/proof.h"
 #include "backend/queuecheck.h"
 #include "backend/queuesettings.h"
 #include "common/paths.h"
@@ -129,23 +130,15 @@ bool openStepFile(QFile& file, const QString& path)
 // PostScript of its own making, keeping each page's size.
 QList<QByteArray> renderToPdfCommand(const QString& pdf)
 {
+    // "-_" reads standard input in blocks ("-" would read it byte by byte).
     return {GhostscriptPath, "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-dAutoRotatePages=/None",
-            "-sDEVICE=pdfwrite", "-sOutputFile=" + QFile::encodeName(pdf), "-"};
+            "-sDEVICE=pdfwrite", "-sOutputFile=" + QFile::encodeName(pdf), "-_"};
 }
 
 QList<QByteArray> pagesToPostScriptCommand(const QString& pdf, const QString& postscript)
 {
     return {PdftocairoPath, "-ps", "-origpagesizes", QFile::encodeName(pdf), QFile::encodeName(postscript)};
 }
-
-// The proof: Ghostscript runs the marked stream (standard input) on its
-// bounding-box device, which reports every sheet it shows on standard error.
-QList<QByteArray> proofCommand()
-{
-    return {GhostscriptPath, "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=bbox", "-"};
-}
-// The line the bounding-box device writes for every sheet.
-const char ProofSheetLine[] = "%%HiResBoundingBox:";
 
 // The start of the stream sent to the printer, before the printer's set-up
 // code and the marked copies.
@@ -504,22 +497,22 @@ bool JobRun::prove(QString* error)
         *error = QStringLiteral("cannot prepare the proof of the marked stream");
         return false;
     }
-    const QString report = m_folder.file(QStringLiteral("proof.err"));
     QString failure;
-    const bool ran = runSandboxed(QStringLiteral("the proof"), sandboxSpec(step), proofCommand(), stream, report,
-                                  &failure);
+    const bool ran = runSandboxed(QStringLiteral("the proof"), sandboxSpec(step),
+                                  proofCommand(sandboxOutput(QStringLiteral("sheets.pbm"))), stream,
+                                  m_folder.file(QStringLiteral("proof.err")), &failure);
     close(stream);
     if (!ran) {
         *error = QStringLiteral("the marked stream does not print cleanly (%1)").arg(failure);
         return false;
     }
-    QFile reportFile(report);
-    qint64 sheets = 0;
-    if (reportFile.open(QIODevice::ReadOnly)) {
-        for (const QByteArray& line : reportFile.readAll().split('\n'))
-            sheets += line.startsWith(ProofSheetLine) ? 1 : 0;
-    }
+    QFile drawn;
+    const qint64 sheets = openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
     const qint64 expected = sheetsPerCopy() * m_job.copies;
+    if (sheets < 0) {
+        *error = QStringLiteral("the proof of the marked stream left no sheets that can be counted");
+        return false;
+    }
     if (sheets != expected) {
         *error = QStringLiteral("the marked stream shows %1 sheets where its marked copies hold %2")
                      .arg(sheets)
@@ -667,8 +660,7 @@ bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QL
     if (errorFile.open(QIODevice::ReadOnly)) {
         for (const QByteArray& line : errorFile.read(1 << 20).split('\n')) {
             const QString text = logText(QString::fromUtf8(line));
-            if (text.isEmpty() || text.startsWith(QLatin1String(ProofSheetLine)) ||
-                text.startsWith(QLatin1String("%%BoundingBox:")))
+            if (text.isEmpty())
                 continue;
             if (firstError.isEmpty())
                 firstError = text;
