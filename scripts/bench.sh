@@ -369,20 +369,17 @@ mac-job-mac-level-name=Для служебного пользования
 EOF
     run_stages() { # label job
         local s=$queue/stages
-        rm -f "$s/flat.pdf" "$s/pages.ps" "$s/marked.ps" "$s/run.vars"
+        rm -f "$s/flat.pdf" "$s/pages.ps" "$s/marked.ps" "$s/sheets.pbm" "$s/run.vars"
         cp "$s/job.vars" "$s/run.vars"
+        # The backend's own commands: Ghostscript reads standard input in
+        # blocks ("-_"), and the proof draws every sheet at 20 dpi.
         queue_run "$1-pdfwrite" sh -c 'exec gs -q -dSAFER -dBATCH -dNOPAUSE -dAutoRotatePages=/None \
-            -sDEVICE=pdfwrite -sOutputFile="$1" - <"$0"' "$work/job-$2.ps" "$s/flat.pdf"
+            -sDEVICE=pdfwrite -sOutputFile="$1" -_ <"$0"' "$work/job-$2.ps" "$s/flat.pdf"
         queue_run "$1-pdftocairo" pdftocairo -ps -origpagesizes "$s/flat.pdf" "$s/pages.ps"
         queue_run "$1-quillet" "$quillet" "$s/pages.ps" "$queue/etc/quillet/bench.tmpl" "$s/run.vars" \
             "$s/marked.ps"
-        queue_run "$1-bbox" sh -c 'exec gs -q -dSAFER -dBATCH -dNOPAUSE -sDEVICE=bbox - <"$0"' "$s/marked.ps"
-        # Ghostscript reads standard input named "-" one byte a read; "-_"
-        # names the same input, read through a buffer.
-        queue_run "$1-pdfwrite-buffered" sh -c 'exec gs -q -dSAFER -dBATCH -dNOPAUSE -dAutoRotatePages=/None \
-            -sDEVICE=pdfwrite -sOutputFile="$1" -_ <"$0"' "$work/job-$2.ps" "$s/flat.pdf"
-        queue_run "$1-bbox-buffered" sh -c 'exec gs -q -dSAFER -dBATCH -dNOPAUSE -sDEVICE=bbox -_ <"$0"' \
-            "$s/marked.ps"
+        queue_run "$1-proof" sh -c 'exec gs -q -dSAFER -dBATCH -dNOPAUSE -sDEVICE=pbmraw -r20 \
+            -sOutputFile="$1" -_ <"$0"' "$s/marked.ps" "$s/sheets.pbm"
     }
 
     # One run of each before timing (checks the set-up, warms the cache).
@@ -434,23 +431,20 @@ EOF
     echo
     echo "Where the time goes: the backend's programs run by hand on the same job, as root without"
     echo "the sandbox (seconds, medians); the rest is the sandboxes, the accounts and the backend's"
-    echo "own copying. Ghostscript gets its input on standard input, as in the backend: named \"-\""
-    echo "(as the backend names it), and named \"-_\" (the same input read through a buffer)."
+    echo "own copying."
     echo
-    echo "| job | gs pdfwrite - | pdftocairo -ps | quillet | gs bbox - (proof) | sum | backend total | rest | gs pdfwrite -_ | gs bbox -_ | sum with -_ |"
-    echo "|---|---|---|---|---|---|---|---|---|---|---|"
-    local a b c d e g
+    echo "| job | gs pdfwrite | pdftocairo -ps | quillet | gs proof | sum | backend total | rest |"
+    echo "|---|---|---|---|---|---|---|---|"
+    local a b c d
     for job in $jobs; do
         a=$(median "stage-$job-pdfwrite" 1)
         b=$(median "stage-$job-pdftocairo" 1)
         c=$(median "stage-$job-quillet" 1)
-        d=$(median "stage-$job-bbox" 1)
-        e=$(median "stage-$job-pdfwrite-buffered" 1)
-        g=$(median "stage-$job-bbox-buffered" 1)
+        d=$(median "stage-$job-proof" 1)
         total=$(median "backend-$job" 1)
-        awk -v j="$job" -v a="$a" -v b="$b" -v c="$c" -v d="$d" -v e="$e" -v g="$g" -v t="$total" 'BEGIN {
-            printf "| %s | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f |\n",
-                j, a, b, c, d, a + b + c + d, t, t - (a + b + c + d), e, g, e + b + c + g }'
+        awk -v j="$job" -v a="$a" -v b="$b" -v c="$c" -v d="$d" -v t="$total" 'BEGIN {
+            printf "| %s | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f |\n",
+                j, a, b, c, d, a + b + c + d, t, t - (a + b + c + d) }'
     done
 
     # The targets of the queue path, checked on this run. "Added before the

@@ -303,3 +303,15 @@ QByteArray PrintServer::pageLog() const
 {
     return readFile(m_dir.filePath(QStringLiteral("log/page_log")));
 }
+
+QStringList PrintServer::jobLogLines(int id) const
+{
+    QStringList lines;
+    const QString tag = QStringLiteral("[Job %1] ").arg(id);
+    for (const QByteArray& line : errorLog().split('\n')) {
+        const QString text = QString::fromUtf8(line);
+        if (text.contains(tag))
+            lines.append(text);
+    }
+    return lines;
+}

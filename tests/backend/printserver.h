@@ -80,6 +80,8 @@ class PrintServer
     int jobState(int id) const;
 
     QByteArray errorLog() const;
+    // The log's lines about one job.
+    QStringList jobLogLines(int id) const;
     QByteArray pageLog() const;
 
   private:

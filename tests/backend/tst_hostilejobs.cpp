@@ -181,7 +181,6 @@ class TestHostileJobs : public QObject
     QStringList refusedProblems(const HostileJob& job) const;
     QStringList printedProblems(const HostileJob& job) const;
     QStringList streamProblems(const HostileJob& job, const QByteArray& stream) const;
-    QStringList jobLogLines(int id) const;
     QStringList auditLines(int id) const;
 
     QTemporaryDir m_work;
@@ -577,22 +576,10 @@ static QStringList writtenFiles(const HostileJob& job)
     return written;
 }
 
-QStringList TestHostileJobs::jobLogLines(int id) const
-{
-    QStringList lines;
-    const QString tag = QStringLiteral("[Job %1] ").arg(id);
-    for (const QByteArray& line : m_server.errorLog().split('\n')) {
-        const QString text = QString::fromUtf8(line);
-        if (text.contains(tag))
-            lines.append(text);
-    }
-    return lines;
-}
-
 // The job's audit lines, at NOTICE level.
 QStringList TestHostileJobs::auditLines(int id) const
 {
-    return jobLogLines(id).filter(QRegularExpression(QStringLiteral("^N .* quillet audit: ")));
+    return m_server.jobLogLines(id).filter(QRegularExpression(QStringLiteral("^N .* quillet audit: ")));
 }
 
 // A refused job: cancelled, nothing at the printer, its audit line.
@@ -619,7 +606,7 @@ QStringList TestHostileJobs::printedProblems(const HostileJob& job) const
     const int state = m_server.jobState(job.id);
     if (state != JobCompleted) {
         problems << QStringLiteral("job %1 ended in state %2, not completed").arg(job.id).arg(state);
-        for (const QString& line : jobLogLines(job.id)) {
+        for (const QString& line : m_server.jobLogLines(job.id)) {
             if (line.contains(QStringLiteral("quillet audit:")) || line.startsWith(QLatin1String("E ")))
                 problems << line;
         }

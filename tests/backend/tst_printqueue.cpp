@@ -128,7 +128,6 @@ class TestPrintQueue : public QObject
                const QStringList& options = {}, int sides = 1);
     void readCaptures();
     const Capture* captureOf(const QString& name) const;
-    QStringList jobLogLines(int id) const;
 
     QTemporaryDir m_work;
     PrintServer m_server;
@@ -350,18 +349,6 @@ const Capture* TestPrintQueue::captureOf(const QString& name) const
     return nullptr;
 }
 
-QStringList TestPrintQueue::jobLogLines(int id) const
-{
-    QStringList lines;
-    const QString tag = QStringLiteral("[Job %1] ").arg(id);
-    for (const QByteArray& line : m_server.errorLog().split('\n')) {
-        const QString text = QString::fromUtf8(line);
-        if (text.contains(tag))
-            lines.append(text);
-    }
-    return lines;
-}
-
 void TestPrintQueue::backendSchemeIsListed()
 {
     const RunResult listed = m_server.admin(QStringLiteral("lpinfo"), {QStringLiteral("-v")});
@@ -497,7 +484,7 @@ void TestPrintQueue::refusedJobSendsNothing()
 
     // One ERROR line names the job and the reason.
     const QStringList errors =
-        jobLogLines(printed.id)
+        m_server.jobLogLines(printed.id)
             .filter(QRegularExpression(QStringLiteral("^E .*quillet: job %1 on ").arg(printed.id)));
     QCOMPARE(errors.size(), 1);
     QVERIFY2(errors.first().contains(reason), qPrintable(errors.first()));
@@ -581,7 +568,7 @@ void TestPrintQueue::auditLineForEveryJob()
     const PrintedJob printed = m_jobs.value(job);
     // At NOTICE level; the log writes the line's quotes as \".
     const QStringList audits =
-        jobLogLines(printed.id).filter(QRegularExpression(QStringLiteral("^N .* quillet audit: ")));
+        m_server.jobLogLines(printed.id).filter(QRegularExpression(QStringLiteral("^N .* quillet audit: ")));
     QCOMPARE(audits.size(), 1);
     const QString line = QString(audits.first()).replace(QStringLiteral("\\\""), QStringLiteral("\""));
     const QString fields =
