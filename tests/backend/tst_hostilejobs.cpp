@@ -358,6 +358,10 @@ void TestHostileJobs::defineJobs()
     HostileJob& passwd = add(QStringLiteral("reads /etc/passwd onto the page"), QStringLiteral("read-passwd"),
                              QStringLiteral("read-passwd"), Expect::Either, marksOf(1, false));
     passwd.marks.forbidden = passwordFileEntries();
+    HostileJob& passThrough = add(QStringLiteral("PostScript for a PDF writer to pass through"),
+                                  QStringLiteral("pass-through"), QStringLiteral("ps-passthrough"), Expect::Either,
+                                  marksOf(1, false));
+    passThrough.marks.forbidden = QStringList{QStringLiteral("PASSEDTHROUGH"), QStringLiteral("HIJACKED")};
     HostileJob& writer = add(QStringLiteral("writes a file"), QStringLiteral("write-file"),
                              QStringLiteral("write-file"), Expect::Either, marksOf(1, false));
     writer.mustNotExist = QStringList{m_dropFolder + QStringLiteral("/written-by-a-job"), m_temporaryDrop};
