@@ -131,8 +131,15 @@ bool openStepFile(QFile& file, const QString& path)
 QList<QByteArray> renderToPdfCommand(const QString& pdf)
 {
     // "-_" reads standard input in blocks ("-" would read it byte by byte).
-    return {GhostscriptPath, "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-dAutoRotatePages=/None",
-            "-sDEVICE=pdfwrite", "-sOutputFile=" + QFile::encodeName(pdf), "-_"};
+    return {GhostscriptPath,
+            "-q",
+            "-dSAFER",
+            "-dBATCH",
+            "-dNOPAUSE",
+            "-dAutoRotatePages=/None",
+            "-sDEVICE=pdfwrite",
+            "-sOutputFile=" + QFile::encodeName(pdf),
+            "-_"};
 }
 
 QList<QByteArray> pagesToPostScriptCommand(const QString& pdf, const QString& postscript)
@@ -307,7 +314,8 @@ bool JobRun::configure(QString* error)
         return false;
     }
     if (m_settings.templateFile.isEmpty()) {
-        *error = QStringLiteral("the queue has no template (%1/%2.tmpl or default.tmpl)").arg(queueFolder, m_queue);
+        *error = QStringLiteral("the queue has no template (%1/%2.tmpl or default.tmpl)")
+                     .arg(queueFolder, m_queue);
         return false;
     }
     QFile templateFile(m_settings.templateFile);
@@ -431,16 +439,16 @@ bool JobRun::normalise(QString* error)
         *error = QStringLiteral("cannot make the folder of the document's rendering");
         return false;
     }
-    const int document =
-        open(QFile::encodeName(m_folder.file(QStringLiteral("document.ps"))).constData(), O_RDONLY | O_CLOEXEC);
+    const int document = open(QFile::encodeName(m_folder.file(QStringLiteral("document.ps"))).constData(),
+                              O_RDONLY | O_CLOEXEC);
     if (document < 0) {
         *error = QStringLiteral("cannot read the document for rendering");
         return false;
     }
     const QString pdf = sandboxOutput(QStringLiteral("pages.pdf"));
-    const bool rendered = runSandboxed(QStringLiteral("the interpreter"), sandboxSpec(step),
-                                       renderToPdfCommand(pdf), document,
-                                       m_folder.file(QStringLiteral("render.err")), error);
+    const bool rendered =
+        runSandboxed(QStringLiteral("the interpreter"), sandboxSpec(step), renderToPdfCommand(pdf), document,
+                     m_folder.file(QStringLiteral("render.err")), error);
     close(document);
     if (!rendered) {
         if (!error->isEmpty())
@@ -507,7 +515,8 @@ bool JobRun::prove(QString* error)
         return false;
     }
     QFile drawn;
-    const qint64 sheets = openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
+    const qint64 sheets =
+        openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
     const qint64 expected = sheetsPerCopy() * m_job.copies;
     if (sheets < 0) {
         *error = QStringLiteral("the proof of the marked stream left no sheets that can be counted");
@@ -642,7 +651,8 @@ bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QL
     const QByteArray home = QFile::encodeName(QLatin1String(SandboxOutputFolder));
     command.environment << "PATH=/usr/local/bin:/usr/bin:/bin"
                         << "LANG=" + qgetenv("LANG") << "LC_CTYPE=C.UTF-8"
-                        << "HOME=" + home << "TMPDIR=/tmp" << "KRB5CCNAME=FILE:" + home + "/krb5cc"
+                        << "HOME=" + home << "TMPDIR=/tmp"
+                        << "KRB5CCNAME=FILE:" + home + "/krb5cc"
                         << "USER=" + m_account.toLocal8Bit() << "LOGNAME=" + m_account.toLocal8Bit();
     command.changeAccount = true;
     command.uid = m_uid;
@@ -670,13 +680,16 @@ bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QL
     if (result.cancelled)
         return false;
     if (!result.started) {
-        *error = QStringLiteral("cannot run the sandbox %1: %2").arg(QLatin1String(BubblewrapPath), result.error);
+        *error =
+            QStringLiteral("cannot run the sandbox %1: %2").arg(QLatin1String(BubblewrapPath), result.error);
         return false;
     }
     if (result.exitStatus != 0) {
-        *error = result.signal
-                     ? QStringLiteral("%1 was ended by signal %2").arg(name).arg(result.signal)
-                     : QStringLiteral("%1 failed with status %2: %3").arg(name).arg(result.exitStatus).arg(firstError);
+        *error = result.signal ? QStringLiteral("%1 was ended by signal %2").arg(name).arg(result.signal)
+                               : QStringLiteral("%1 failed with status %2: %3")
+                                     .arg(name)
+                                     .arg(result.exitStatus)
+                                     .arg(firstError);
         return false;
     }
     return true;
@@ -687,7 +700,8 @@ bool JobRun::markCopy(int copy, QString* error)
     const QString number = QString::number(copy);
     const QString variables = QStringLiteral("copy-%1.vars").arg(number);
     const QString output = QStringLiteral("copy-%1.ps").arg(number);
-    if (!writeForMarking(m_markingFolder + QLatin1Char('/') + variables, jobVariables(m_job, m_settings, copy))) {
+    if (!writeForMarking(m_markingFolder + QLatin1Char('/') + variables,
+                         jobVariables(m_job, m_settings, copy))) {
         *error = QStringLiteral("cannot write the variables of copy %1").arg(copy);
         return false;
     }
@@ -696,7 +710,8 @@ bool JobRun::markCopy(int copy, QString* error)
     spec.inputFiles << qMakePair(m_flatDocument, QStringLiteral("document.ps"))
                     << qMakePair(m_folder.file(QStringLiteral("marker.tmpl")), QStringLiteral("marker.tmpl"));
     if (!m_job.pageCodeKeyFile.isEmpty())
-        spec.inputFiles << qMakePair(m_folder.file(QStringLiteral("page-code.key")), QStringLiteral("page-code.key"));
+        spec.inputFiles << qMakePair(m_folder.file(QStringLiteral("page-code.key")),
+                                     QStringLiteral("page-code.key"));
     QList<QByteArray> quillet{QuilletExecutablePath};
     if (m_settings.duplexBackPages)
         quillet << "--duplex";
@@ -712,7 +727,8 @@ bool JobRun::markCopy(int copy, QString* error)
                                     ? parseKeyValueLines(used.readAll())
                                     : KeyValueList();
     QFile marked;
-    const bool haveOutput = openStepFile(marked, m_markingFolder + QLatin1Char('/') + output) && marked.size() > 0;
+    const bool haveOutput =
+        openStepFile(marked, m_markingFolder + QLatin1Char('/') + output) && marked.size() > 0;
     qint64 pages = 0;
     for (const auto& pair : values) {
         if (pair.first == QLatin1String("NUM_PAGES"))

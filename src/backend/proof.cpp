@@ -54,8 +54,15 @@ qint64 readNumber(QIODevice& input)
 QList<QByteArray> proofCommand(const QString& sheets)
 {
     // "-_" reads standard input in blocks ("-" would read it byte by byte).
-    return {GhostscriptPath,       "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-sDEVICE=pbmraw", ProofResolution,
-            "-sOutputFile=" + QFile::encodeName(sheets), "-_"};
+    return {GhostscriptPath,
+            "-q",
+            "-dSAFER",
+            "-dBATCH",
+            "-dNOPAUSE",
+            "-sDEVICE=pbmraw",
+            ProofResolution,
+            "-sOutputFile=" + QFile::encodeName(sheets),
+            "-_"};
 }
 
 qint64 countProofSheets(QIODevice& sheets)

@@ -70,7 +70,8 @@ QString markingSetupProblem(const QString& queueFolder, const QString& queue, co
     for (const QString& key : securityLabelKeys()) {
         if (templatePrints(templateText, key) && lastValue(settings.variables, key).isEmpty() &&
             lastValue(definitions.values, key).isEmpty())
-            return QStringLiteral("the template %1 prints %2, which neither %3 nor the marker definitions set")
+            return QStringLiteral(
+                       "the template %1 prints %2, which neither %3 nor the marker definitions set")
                 .arg(settings.templateFile, key, settings.variablesFile);
     }
     return QString();

@@ -20,16 +20,17 @@ const char* const RootFolders[] = {"/bin", "/sbin", "/lib", "/lib32", "/lib64", 
 // cache, fonts and paper settings of the interpreter, time zone, and the
 // account names that a site program may look up. Missing ones are skipped.
 const char* const SystemFiles[] = {
-    "/etc/ld.so.cache", "/etc/ld.so.conf", "/etc/ld.so.conf.d", "/etc/alternatives", "/etc/fonts",
-    "/etc/ghostscript", "/etc/papersize",  "/etc/paperspecs",   "/etc/localtime",    "/etc/passwd",
+    "/etc/ld.so.cache", "/etc/ld.so.conf",    "/etc/ld.so.conf.d",    "/etc/alternatives",    "/etc/fonts",
+    "/etc/ghostscript", "/etc/papersize",     "/etc/paperspecs",      "/etc/localtime",       "/etc/passwd",
     "/etc/group",       "/etc/nsswitch.conf", "/var/lib/ghostscript", "/var/cache/fontconfig"};
 
 // What directory look-ups need besides the network: name resolution, the
 // Kerberos and FreeIPA client configuration and the host's keytab (readable
 // only when the marking runs as root), and certificates.
-const char* const NetworkFiles[] = {"/etc/resolv.conf", "/etc/hosts",     "/etc/host.conf",   "/etc/gai.conf",
-                                    "/etc/krb5.conf",   "/etc/krb5.conf.d", "/etc/krb5.keytab", "/etc/ipa",
-                                    "/etc/ssl",         "/etc/ca-certificates", "/etc/pki"};
+const char* const NetworkFiles[] = {"/etc/resolv.conf",     "/etc/hosts",     "/etc/host.conf",
+                                    "/etc/gai.conf",        "/etc/krb5.conf", "/etc/krb5.conf.d",
+                                    "/etc/krb5.keytab",     "/etc/ipa",       "/etc/ssl",
+                                    "/etc/ca-certificates", "/etc/pki"};
 
 QByteArray encoded(const QString& path)
 {
@@ -116,7 +117,8 @@ QList<QByteArray> sandboxCommand(const SandboxSpec& spec, const QList<QByteArray
     arguments << "--dir" << SandboxInputFolder;
     for (const auto& input : spec.inputFiles)
         arguments << "--ro-bind" << encoded(input.first) << encoded(sandboxInput(input.second));
-    arguments << "--bind" << encoded(spec.outputFolder) << SandboxOutputFolder << "--chdir" << SandboxOutputFolder;
+    arguments << "--bind" << encoded(spec.outputFolder) << SandboxOutputFolder << "--chdir"
+              << SandboxOutputFolder;
 
     arguments << "--";
     arguments << command;

@@ -134,9 +134,10 @@ void TestJobSandbox::confinesTheStep_data()
     QTest::addColumn<QByteArray>("script");
     QTest::addColumn<bool>("network");
     QTest::addColumn<QByteArray>("expected");
-    QTest::newRow("reads its input") << QByteArray("head -c 3 /job/in/marker.tmpl") << false << QByteArray("any");
-    QTest::newRow("runs as the marking account") << QByteArray("id -u") << false
-                                                 << QByteArray::number(getpwnam(MarkingAccount)->pw_uid);
+    QTest::newRow("reads its input") << QByteArray("head -c 3 /job/in/marker.tmpl") << false
+                                     << QByteArray("any");
+    QTest::newRow("runs as the marking account")
+        << QByteArray("id -u") << false << QByteArray::number(getpwnam(MarkingAccount)->pw_uid);
     QTest::newRow("writes its own folder")
         << QByteArray("echo made > /job/out/made && cat /job/out/made") << false << QByteArray("made");
     QTest::newRow("cannot change its input")
