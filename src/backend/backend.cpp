@@ -598,11 +598,7 @@ bool JobRun::writeForMarking(const QString& path, const QByteArray& content)
 // job alone, and the variables name it as the sandbox shows it.
 bool JobRun::handOverPageCodeKey(QString* error)
 {
-    QString siteKeyFile;
-    for (const auto& pair : m_definitions.values) {
-        if (pair.first == QLatin1String(PageCoder::KeySetting))
-            siteKeyFile = pair.second;
-    }
+    const QString siteKeyFile = lastValue(m_definitions.values, QLatin1String(PageCoder::KeySetting));
     if (siteKeyFile.isEmpty())
         return true;
     PageCodeKey site;
@@ -729,11 +725,7 @@ bool JobRun::markCopy(int copy, QString* error)
     QFile marked;
     const bool haveOutput =
         openStepFile(marked, m_markingFolder + QLatin1Char('/') + output) && marked.size() > 0;
-    qint64 pages = 0;
-    for (const auto& pair : values) {
-        if (pair.first == QLatin1String("NUM_PAGES"))
-            pages = pair.second.toLongLong();
-    }
+    const qint64 pages = lastValue(values, QStringLiteral("NUM_PAGES")).toLongLong();
     if (pages <= 0 || !haveOutput) {
         *error = QStringLiteral("quillet left no marked pages for copy %1").arg(copy);
         return false;

@@ -4,7 +4,6 @@
 #include "pagecode/pagecoder.h"
 #include "settings/variables.h"
 
-#include <QMap>
 
 #include <cups/cups.h>
 
@@ -105,11 +104,8 @@ const QStringList& securityLabelKeys()
 
 QString securityLabel(const KeyValueList& variables)
 {
-    QMap<QString, QString> values;
-    for (const auto& pair : variables)
-        values.insert(pair.first, pair.second);
     for (const QString& key : securityLabelKeys()) {
-        const QString value = values.value(key);
+        const QString value = lastValue(variables, key);
         if (!value.isEmpty())
             return value;
     }

@@ -11,16 +11,6 @@ namespace
 
 const char SafeOutputKey[] = "MarkerSafeOutput";
 
-QString lastValue(const KeyValueList& pairs, const QString& key)
-{
-    QString value;
-    for (const auto& pair : pairs) {
-        if (pair.first == key)
-            value = pair.second;
-    }
-    return value;
-}
-
 // Whether the template refers to a variable, per page ({KEY}) or once ([KEY]).
 bool templatePrints(const QByteArray& templateText, const QString& key)
 {

@@ -52,6 +52,16 @@ KeyValueList parseKeyValueLines(const QByteArray& bytes)
     return pairs;
 }
 
+QString lastValue(const KeyValueList& pairs, const QString& key)
+{
+    QString value;
+    for (const auto& pair : pairs) {
+        if (pair.first == key)
+            value = pair.second;
+    }
+    return value;
+}
+
 QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
 {
     QueueSettings settings;

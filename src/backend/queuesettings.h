@@ -67,6 +67,10 @@ struct QueueSettings {
 // skipped, the key runs to the first "=", both sides are trimmed.
 KeyValueList parseKeyValueLines(const QByteArray& bytes);
 
+// The value of a key among the pairs, the last occurrence counting (as in
+// quillet's store); empty when the key is absent.
+QString lastValue(const KeyValueList& pairs, const QString& key);
+
 // Reads the configuration of a queue from <serverRoot>/quillet/. A queue
 // name that could leave that folder, a variables file that exists but cannot
 // be read, and a template that exists but cannot be read set `error`; a
