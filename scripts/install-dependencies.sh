@@ -2,9 +2,11 @@
 # Installs the Debian packages that quillet needs to build and that its
 # print queue backend runs (bubblewrap, Ghostscript, Poppler). With --example,
 # also Ghostscript to render the example job; with --tests, also the tools
-# that the test suite drives (Ghostscript, Poppler, document makers, and the
+# that the test suite drives (Ghostscript, Poppler, document makers, the
 # CUPS print server with its client programs and filters, which the print
-# queue tests run privately); with --bench, also what scripts/bench.sh runs
+# queue tests run privately, and the simulated driverless printer
+# ippeveprinter with ipptool, which needs its own D-Bus bus and avahi-daemon);
+# with --bench, also what scripts/bench.sh runs
 # (enscript, CUPS's pstops and gstopdf filters, the PPD compiler, GNU time);
 # with --sanitizers, the test tools and the AddressSanitizer and
 # UndefinedBehaviorSanitizer runtimes; with --fuzz, clang and its libFuzzer
@@ -29,6 +31,7 @@ test_packages=(
     dpkg-dev file
     time
     cups cups-client cups-filters
+    cups-ipp-utils avahi-daemon dbus-daemon dbus-bin
 )
 bench_packages=(
     enscript cups-core-drivers cups-filters cups-ppdc time
