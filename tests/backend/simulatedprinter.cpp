@@ -152,19 +152,40 @@ int freePort()
     return port;
 }
 
+// Whether a socket can listen on ::1. ippeveprinter 2.4.2 opens a listener
+// on each loopback address and gives up when either fails, so without IPv6
+// on the loopback interface it cannot run.
+bool haveIpv6Loopback()
+{
+    const int listener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0)
+        return false;
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    const bool bound = bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(listener);
+    return bound;
+}
+
+// The parent of a process, from /proc; 0 when it is gone.
+qint64 parentOf(qint64 pid)
+{
+    // "pid (name) state ppid ...": the name may hold blanks and brackets.
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    return fields.size() > 1 ? fields.at(1).toLongLong() : 0;
+}
+
 // The processes below `root` (not itself), from /proc.
 QList<qint64> descendants(qint64 root)
 {
     QMap<qint64, qint64> parents;
     for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
         const qint64 pid = entry.toLongLong();
-        if (pid <= 0)
-            continue;
-        // "pid (name) state ppid ...": the name may hold blanks and brackets.
-        const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
-        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 1)
-            parents.insert(pid, fields.at(1).toLongLong());
+        const qint64 parent = pid > 0 ? parentOf(pid) : 0;
+        if (parent > 0)
+            parents.insert(pid, parent);
     }
     QList<qint64> found;
     QList<qint64> queue{root};
@@ -202,7 +223,7 @@ bool SimulatedPrinter::available()
     return geteuid() == 0 && QFileInfo(QLatin1String(PrinterProgram)).isExecutable() &&
            haveProgram(QStringLiteral("ipptool")) && haveProgram(QStringLiteral("unshare")) &&
            haveProgram(QStringLiteral("dbus-daemon")) && haveProgram(QStringLiteral("dbus-send")) &&
-           QFileInfo(QStringLiteral("/usr/sbin/avahi-daemon")).isExecutable();
+           QFileInfo(QStringLiteral("/usr/sbin/avahi-daemon")).isExecutable() && haveIpv6Loopback();
 }
 
 QString SimulatedPrinter::folderPath(const QString& name) const
@@ -390,12 +411,22 @@ void SimulatedPrinter::stopProcesses()
     if (!m_process)
         return;
     if (m_process->state() != QProcess::NotRunning) {
-        // The helper is unshare by now: killing it kills the namespace's first
-        // process (ippeveprinter), and the kernel then kills the rest of the
-        // namespace. Wait for each, so that nothing outlives stop().
-        const QList<qint64> started = descendants(m_process->processId());
-        m_process->kill();
-        m_process->waitForFinished();
+        // The helper is unshare by now, and its only child the namespace's
+        // first process, ippeveprinter. Killing that one makes the kernel
+        // kill the rest of the namespace, and unshare reaps it and ends.
+        // Killing unshare first would do too (its child gets SIGKILL when it
+        // dies), but would leave ippeveprinter for the system to reap.
+        const qint64 helper = m_process->processId();
+        const QList<qint64> started = descendants(helper);
+        for (const qint64 pid : started) {
+            if (parentOf(pid) == helper)
+                ::kill(pid_t(pid), SIGKILL);
+        }
+        if (!m_process->waitForFinished(5000)) {
+            m_process->kill();
+            m_process->waitForFinished();
+        }
+        // Wait for each, so that nothing outlives stop().
         for (const qint64 pid : started)
             processEnded(pid, 5000);
     }

@@ -29,7 +29,8 @@ class SimulatedPrinter
     SimulatedPrinter& operator=(const SimulatedPrinter&) = delete;
 
     // Whether ippeveprinter, ipptool, dbus-daemon and avahi-daemon are
-    // installed and the test runs as root (the namespaces need it).
+    // installed, the test runs as root (the namespaces need it) and the
+    // loopback interface has IPv6 (ippeveprinter needs ::1 beside 127.0.0.1).
     static bool available();
 
     // Starts a printer that accepts the document formats (MIME types) and,

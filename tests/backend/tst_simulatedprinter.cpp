@@ -61,7 +61,8 @@ class TestSimulatedPrinter : public QObject
 void TestSimulatedPrinter::initTestCase()
 {
     if (!SimulatedPrinter::available())
-        QSKIP("ippeveprinter, ipptool, dbus-daemon or avahi-daemon missing, or not root");
+        QSKIP(
+            "ippeveprinter, ipptool, dbus-daemon or avahi-daemon missing, not root, or no IPv6 on loopback");
     if (!haveProgram(QStringLiteral("gs")))
         QSKIP("Ghostscript missing");
 }
