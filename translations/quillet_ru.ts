@@ -203,6 +203,340 @@
     </message>
 </context>
 <context>
+    <name>queue</name>
+    <message>
+        <source>Try &quot;quillet-queue --help&quot;.</source>
+        <translation>Справка: &quot;quillet-queue --help&quot;.</translation>
+    </message>
+    <message>
+        <source>the page-code key %1 that %2 names does not exist: every job would be refused</source>
+        <translation>ключ кодов страниц %1, указанный в %2, не существует: каждое задание было бы отклонено</translation>
+    </message>
+    <message>
+        <source>make it as root with quillet-verify --new-key %1</source>
+        <translation>создайте его от имени root: quillet-verify --new-key %1</translation>
+    </message>
+    <message>
+        <source>it is the key of one job, not the site&apos;s key</source>
+        <translation>это ключ одного задания, а не ключ площадки</translation>
+    </message>
+    <message>
+        <source>the page-code key %1 cannot be read as the site&apos;s key (%2): every job would be refused</source>
+        <translation>ключ кодов страниц %1 не читается как ключ площадки (%2): каждое задание было бы отклонено</translation>
+    </message>
+    <message>
+        <source>point %1 in %2 at the site&apos;s key file, or make a new key with quillet-verify --new-key FILE</source>
+        <translation>укажите в %1 файла %2 файл ключа площадки или создайте новый ключ: quillet-verify --new-key ФАЙЛ</translation>
+    </message>
+    <message>
+        <source>the page-code key %1 is open to others than root (owner %2, mode %3): whoever reads it can make codes of any job</source>
+        <translation>ключ кодов страниц %1 доступен не только root (владелец %2, права %3): прочитавший его может делать коды любого задания</translation>
+    </message>
+    <message>
+        <source>chown root:root %1 &amp;&amp; chmod 0600 %1</source>
+        <translation>chown root:root %1 &amp;&amp; chmod 0600 %1</translation>
+    </message>
+    <message>
+        <source>give the queue a PPD with two-sided printing (lpadmin -p %1 -P %2), or remove %3=1 from its variables</source>
+        <translation>дайте очереди PPD с двусторонней печатью (lpadmin -p %1 -P %2) или уберите %3=1 из её переменных</translation>
+    </message>
+    <message>
+        <source>the print server&apos;s configuration cannot be read to check who may print on the queue (%1)</source>
+        <translation>не удаётся прочитать конфигурацию сервера печати, чтобы проверить, кто может печатать в очередь (%1)</translation>
+    </message>
+    <message>
+        <source>run quillet-queue as root on the print server</source>
+        <translation>запустите quillet-queue от имени root на сервере печати</translation>
+    </message>
+    <message>
+        <source>the queue takes jobs from users who did not authenticate (operation policy %1): its marks and audit lines could not name who printed</source>
+        <translation>очередь принимает задания от пользователей без аутентификации (политика операций %1): маркировка и строки аудита не смогли бы назвать, кто печатал</translation>
+    </message>
+    <message>
+        <source>run quillet-queue create %1 again, which gives it the policy %2 that requires a valid user, or require one in the policy&apos;s &lt;Limit Create-Job Print-Job&gt; in cupsd.conf</source>
+        <translation>запустите quillet-queue create %1 ещё раз: она даст очереди политику %2, требующую действительного пользователя, или потребуйте его в &lt;Limit Create-Job Print-Job&gt; политики в cupsd.conf</translation>
+    </message>
+    <message>
+        <source>idle</source>
+        <translation>свободна</translation>
+    </message>
+    <message>
+        <source>printing</source>
+        <translation>печатает</translation>
+    </message>
+    <message>
+        <source>stopped</source>
+        <translation>остановлена</translation>
+    </message>
+    <message>
+        <source>accepting jobs</source>
+        <translation>принимает задания</translation>
+    </message>
+    <message>
+        <source>rejecting jobs</source>
+        <translation>отклоняет задания</translation>
+    </message>
+    <message>
+        <source>Can not ask the print server about %1: %2</source>
+        <translation>Не удаётся запросить у сервера печати сведения об очереди %1: %2</translation>
+    </message>
+    <message>
+        <source>%1: %2; fix: %3</source>
+        <translation>%1: %2; исправление: %3</translation>
+    </message>
+    <message>
+        <source>%1: ready: its jobs are marked with the label &quot;%2&quot;</source>
+        <translation>%1: готова: её задания маркируются грифом &quot;%2&quot;</translation>
+    </message>
+    <message>
+        <source>Can not ask the print server for its queues: %1</source>
+        <translation>Не удаётся запросить у сервера печати список очередей: %1</translation>
+    </message>
+    <message>
+        <source>%1: label &quot;%2&quot;, %3</source>
+        <translation>%1: гриф &quot;%2&quot;, %3</translation>
+    </message>
+    <message>
+        <source>Can not write %1: %2</source>
+        <translation>Не удаётся записать %1: %2</translation>
+    </message>
+    <message>
+        <source>updated %1</source>
+        <translation>обновлён %1</translation>
+    </message>
+    <message>
+        <source>wrote %1</source>
+        <translation>записан %1</translation>
+    </message>
+    <message>
+        <source>kept %1, which is already right</source>
+        <translation>оставлен %1: он уже верен</translation>
+    </message>
+    <message>
+        <source>Can not give %1 owner root and mode %2</source>
+        <translation>Не удаётся назначить %1 владельца root и права %2</translation>
+    </message>
+    <message>
+        <source>Can not read the template %1</source>
+        <translation>Не удаётся прочитать шаблон %1</translation>
+    </message>
+    <message>
+        <source>Can not read the shipped definitions %1</source>
+        <translation>Не удаётся прочитать поставляемые определения %1</translation>
+    </message>
+    <message>
+        <source>made the page-code key %1</source>
+        <translation>создан ключ кодов страниц %1</translation>
+    </message>
+    <message>
+        <source>The page-code key %1 is not a site key, and it is not replaced: %2</source>
+        <translation>Ключ кодов страниц %1 не является ключом площадки и не заменяется: %2</translation>
+    </message>
+    <message>
+        <source>kept the page-code key %1</source>
+        <translation>оставлен ключ кодов страниц %1</translation>
+    </message>
+    <message>
+        <source>Can not read the print server&apos;s configuration: %1</source>
+        <translation>Не удаётся прочитать конфигурацию сервера печати: %1</translation>
+    </message>
+    <message>
+        <source>kept the policy %1 of the server&apos;s cupsd.conf</source>
+        <translation>оставлена политика %1 в cupsd.conf сервера</translation>
+    </message>
+    <message>
+        <source>Can not change the print server&apos;s configuration: %1</source>
+        <translation>Не удаётся изменить конфигурацию сервера печати: %1</translation>
+    </message>
+    <message>
+        <source>The print server did not come back after its configuration changed</source>
+        <translation>Сервер печати не вернулся после изменения конфигурации</translation>
+    </message>
+    <message>
+        <source>added the policy %1 to the server&apos;s cupsd.conf (jobs only from authenticated users); the server restarted</source>
+        <translation>в cupsd.conf сервера добавлена политика %1 (задания только от прошедших аутентификацию пользователей); сервер перезапущен</translation>
+    </message>
+    <message>
+        <source>lpadmin %1 failed: %2</source>
+        <translation>lpadmin %1 завершилась с ошибкой: %2</translation>
+    </message>
+    <message>
+        <source>ran lpadmin %1</source>
+        <translation>выполнено lpadmin %1</translation>
+    </message>
+    <message>
+        <source>quillet-queue create must run as root</source>
+        <translation>quillet-queue create нужно запускать от имени root</translation>
+    </message>
+    <message>
+        <source>Can not make the folder %1</source>
+        <translation>Не удаётся создать папку %1</translation>
+    </message>
+    <message>
+        <source>The print server has no queue %1</source>
+        <translation>На сервере печати нет очереди %1</translation>
+    </message>
+    <message>
+        <source>Can not print the test page on %1: %2</source>
+        <translation>Не удаётся напечатать тестовую страницу в очередь %1: %2</translation>
+    </message>
+    <message>
+        <source>printed the test page %1 as job %2-%3</source>
+        <translation>тестовая страница %1 отправлена как задание %2-%3</translation>
+    </message>
+    <message>
+        <source>Job %1-%2 has not finished after %3 seconds</source>
+        <translation>Задание %1-%2 не завершилось за %3 секунд</translation>
+    </message>
+    <message>
+        <source>job %1-%2 left no audit line in the print server&apos;s log: the log keeps them with LogLevel notice or more verbose in cupsd.conf, or the queue does not run quillet</source>
+        <translation>задание %1-%2 не оставило строки аудита в журнале сервера печати: журнал хранит их при LogLevel notice или подробнее в cupsd.conf, либо очередь не запускает quillet</translation>
+    </message>
+    <message>
+        <source>the print server has no queue %1</source>
+        <translation>на сервере печати нет очереди %1</translation>
+    </message>
+    <message>
+        <source>make it with quillet-queue create %1 DEVICE-URI --label LABEL</source>
+        <translation>создайте её: quillet-queue create %1 URI-УСТРОЙСТВА --label ГРИФ</translation>
+    </message>
+    <message>
+        <source>the queue&apos;s device URI %1 does not start with %2, so its jobs are printed without marks</source>
+        <translation>URI устройства очереди %1 не начинается с %2, поэтому её задания печатаются без маркировки</translation>
+    </message>
+    <message>
+        <source>lpadmin -p %1 -v %2%3</source>
+        <translation>lpadmin -p %1 -v %2%3</translation>
+    </message>
+    <message>
+        <source>correct the queue&apos;s files in %1</source>
+        <translation>исправьте файлы очереди в %1</translation>
+    </message>
+    <message>
+        <source>Checks, lists, makes and tests print queues that mark their jobs with quillet.
+
+  check QUEUE     tell whether a job on the queue would be marked as intended
+  list            the marked queues with their label and state
+  create QUEUE DEVICE-URI --label LABEL [--template FILE] [--back-pages] [--page-codes]
+                  make the queue and its files, or make them right
+  test QUEUE      print a test page and show its audit line</source>
+        <translation>Проверяет, перечисляет, создаёт и испытывает очереди печати, маркирующие задания с помощью quillet.
+
+  check ОЧЕРЕДЬ   сказать, будет ли задание в очереди промаркировано как задумано
+  list            маркирующие очереди с их грифом и состоянием
+  create ОЧЕРЕДЬ URI-УСТРОЙСТВА --label ГРИФ [--template ФАЙЛ] [--back-pages] [--page-codes]
+                  создать очередь и её файлы или исправить их
+  test ОЧЕРЕДЬ    напечатать тестовую страницу и показать её строку аудита</translation>
+    </message>
+    <message>
+        <source>check, list, create or test</source>
+        <translation>check, list, create или test</translation>
+    </message>
+    <message>
+        <source>The security label of the queue&apos;s jobs</source>
+        <translation>Гриф заданий очереди</translation>
+    </message>
+    <message>
+        <source>Marker template to copy (default: the queue&apos;s own, else the shipped example)</source>
+        <translation>Шаблон маркировки для копирования (по умолчанию собственный шаблон очереди, иначе поставляемый пример)</translation>
+    </message>
+    <message>
+        <source>Mark on a back page after every page (two-sided printing)</source>
+        <translation>Маркировать на оборотной странице после каждой страницы (двусторонняя печать)</translation>
+    </message>
+    <message>
+        <source>Print page codes: the site key is made and named when missing</source>
+        <translation>Печатать коды страниц: ключ площадки создаётся и указывается, если его нет</translation>
+    </message>
+    <message>
+        <source>--label, --template, --back-pages and --page-codes belong to create</source>
+        <translation>--label, --template, --back-pages и --page-codes относятся к create</translation>
+    </message>
+    <message>
+        <source>list takes no arguments</source>
+        <translation>list не принимает аргументов</translation>
+    </message>
+    <message>
+        <source>%1 takes one queue name</source>
+        <translation>%1 принимает одно имя очереди</translation>
+    </message>
+    <message>
+        <source>&quot;%1&quot; is not a queue name</source>
+        <translation>&quot;%1&quot; не является именем очереди</translation>
+    </message>
+    <message>
+        <source>create takes a queue name and a device URI</source>
+        <translation>create принимает имя очереди и URI устройства</translation>
+    </message>
+    <message>
+        <source>create needs one --label LABEL on one line</source>
+        <translation>create нужен один --label ГРИФ в одну строку</translation>
+    </message>
+    <message>
+        <source>--template takes one file name, once</source>
+        <translation>--template принимает одно имя файла, один раз</translation>
+    </message>
+    <message>
+        <source>Give a command: check, list, create or test</source>
+        <translation>Укажите команду: check, list, create или test</translation>
+    </message>
+    <message>
+        <source>Unknown command &quot;%1&quot;</source>
+        <translation>Неизвестная команда &quot;%1&quot;</translation>
+    </message>
+</context>
+<context>
+    <name>queuecheck</name>
+    <message>
+        <source>the queue has no template (%1/%2.tmpl or default.tmpl)</source>
+        <translation>у очереди нет шаблона (%1/%2.tmpl или default.tmpl)</translation>
+    </message>
+    <message>
+        <source>put the marker template into %1/%2.tmpl (owner root, mode 0600), or run quillet-queue create %2 DEVICE-URI --label LABEL</source>
+        <translation>поместите шаблон маркировки в %1/%2.tmpl (владелец root, права 0600) или запустите quillet-queue create %2 URI-УСТРОЙСТВА --label ГРИФ</translation>
+    </message>
+    <message>
+        <source>the queue has no variables file (%1/%2.vars or default.vars): its label would be empty</source>
+        <translation>у очереди нет файла переменных (%1/%2.vars или default.vars): её гриф был бы пустым</translation>
+    </message>
+    <message>
+        <source>write the label into %1/%2.vars (LABEL_NAME=..., owner root, mode 0600), or run quillet-queue create %2 DEVICE-URI --label LABEL</source>
+        <translation>запишите гриф в %1/%2.vars (LABEL_NAME=..., владелец root, права 0600) или запустите quillet-queue create %2 URI-УСТРОЙСТВА --label ГРИФ</translation>
+    </message>
+    <message>
+        <source>there is no marker definitions file (%1)</source>
+        <translation>нет файла определений маркировки (%1)</translation>
+    </message>
+    <message>
+        <source>install quillet again, which ships the definitions</source>
+        <translation>установите quillet заново: он поставляет определения</translation>
+    </message>
+    <message>
+        <source>the marker definitions %1 do not set %2=1 (print-safe output); a site file replaces the shipped one, so it must hold every shipped line</source>
+        <translation>определения маркировки %1 не задают %2=1 (безопасный для печати вывод); файл площадки заменяет поставляемый, поэтому должен содержать все его строки</translation>
+    </message>
+    <message>
+        <source>make %1 a copy of the shipped definitions followed by the site&apos;s own lines, none of which sets %2 again (quillet-queue create does so)</source>
+        <translation>сделайте %1 копией поставляемых определений, за которой следуют собственные строки площадки, ни одна из которых не задаёт %2 снова (так делает quillet-queue create)</translation>
+    </message>
+    <message>
+        <source>the template %1 holds no marker strings</source>
+        <translation>шаблон %1 не содержит строк маркировки</translation>
+    </message>
+    <message>
+        <source>write the marks into %1, or run quillet-queue create %2 DEVICE-URI --label LABEL --template FILE</source>
+        <translation>запишите маркировку в %1 или запустите quillet-queue create %2 URI-УСТРОЙСТВА --label ГРИФ --template ФАЙЛ</translation>
+    </message>
+    <message>
+        <source>the template %1 prints %2, which neither %3 nor the marker definitions set</source>
+        <translation>шаблон %1 печатает %2, который не задают ни %3, ни определения маркировки</translation>
+    </message>
+    <message>
+        <source>add the line %1=VALUE to %2</source>
+        <translation>добавьте строку %1=ЗНАЧЕНИЕ в %2</translation>
+    </message>
+</context>
+<context>
     <name>verify</name>
     <message>
         <source>Try &quot;quillet-verify --help&quot;.</source>
