@@ -358,9 +358,9 @@ qint64 countPwgRasterPages(QIODevice& data)
         const quint32 height = bigEndian32(h + PwgHeight);
         const quint32 bitsPerPixel = bigEndian32(h + PwgBitsPerPixel);
         const quint32 bytesPerLine = bigEndian32(h + PwgBytesPerLine);
-        if (!validPageSize(width, height) || !validBitsPerPixel(bitsPerPixel)
-            || !validResolution(bigEndian32(h + PwgHwResolution))
-            || !validResolution(bigEndian32(h + PwgHwResolution + 4)))
+        if (!validPageSize(width, height) || !validBitsPerPixel(bitsPerPixel) ||
+            !validResolution(bigEndian32(h + PwgHwResolution)) ||
+            !validResolution(bigEndian32(h + PwgHwResolution + 4)))
             return -1;
         if (quint64(bytesPerLine) != (quint64(width) * bitsPerPixel + 7) / 8)
             return -1;
@@ -371,6 +371,8 @@ qint64 countPwgRasterPages(QIODevice& data)
         if (copies > MaxCopies)
             return -1;
         copies = qMax<quint32>(copies, 1);
+        // TotalPageCount is libcups' cupsInteger[0]: Ghostscript writes 0
+        // there unless the job sets it (-dcupsInteger0=N).
         const quint32 total = bigEndian32(h + PwgTotalPageCount);
         if (total != 0) {
             if (claimedPages != 0 && total != claimedPages)
@@ -411,8 +413,8 @@ qint64 countAppleRasterPages(QIODevice& data)
         const quint32 height = bigEndian32(header + AppleHeight);
         // Apple raster itself has 8 to 64 bits per pixel; Ghostscript writes
         // its default one-bit black as well, packed eight pixels to a byte.
-        if (!validPageSize(width, height) || !validResolution(bigEndian32(header + AppleResolution))
-            || !validBitsPerPixel(bitsPerPixel) || bitsPerPixel > 64)
+        if (!validPageSize(width, height) || !validResolution(bigEndian32(header + AppleResolution)) ||
+            !validBitsPerPixel(bitsPerPixel) || bitsPerPixel > 64)
             return -1;
         const quint32 bytesPerLine = quint32((quint64(width) * bitsPerPixel + 7) / 8);
         if (!skipRasterLines(reader, height, bytesPerLine, bytesPerPixelOf(bitsPerPixel)))

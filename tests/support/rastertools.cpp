@@ -27,8 +27,7 @@ const quint64 MaxPixels = 200u * 1000 * 1000;
 
 enum class Colours { Gray, Black, Rgb, Cmyk };
 
-struct PageLayout
-{
+struct PageLayout {
     quint32 width = 0;
     quint32 height = 0;
     quint32 xResolution = 0;
@@ -86,15 +85,17 @@ void lineToGray(const QByteArray& line, const PageLayout& page, char* gray)
             level = 255 - sample(line, page.bitsPerColor, first);
             break;
         case Colours::Rgb:
-            level = (299 * sample(line, page.bitsPerColor, first) + 587 * sample(line, page.bitsPerColor, first + 1)
-                     + 114 * sample(line, page.bitsPerColor, first + 2))
-                    / 1000;
+            level = (299 * sample(line, page.bitsPerColor, first) +
+                     587 * sample(line, page.bitsPerColor, first + 1) +
+                     114 * sample(line, page.bitsPerColor, first + 2)) /
+                    1000;
             break;
         case Colours::Cmyk: {
-            const int ink = (30 * sample(line, page.bitsPerColor, first) + 59 * sample(line, page.bitsPerColor, first + 1)
-                             + 11 * sample(line, page.bitsPerColor, first + 2))
-                                / 100
-                            + sample(line, page.bitsPerColor, first + 3);
+            const int ink = (30 * sample(line, page.bitsPerColor, first) +
+                             59 * sample(line, page.bitsPerColor, first + 1) +
+                             11 * sample(line, page.bitsPerColor, first + 2)) /
+                                100 +
+                            sample(line, page.bitsPerColor, first + 3);
             level = 255 - qMin(ink, 255);
             break;
         }
@@ -106,7 +107,8 @@ void lineToGray(const QByteArray& line, const PageLayout& page, char* gray)
 // Decodes the compressed lines of one page (see src/backend/sheetcount.cpp
 // for the scheme) into gray rows. False with *error filled when the data
 // does not make the page.
-bool decodeLines(const QByteArray& data, qint64& pos, const PageLayout& page, QByteArray& gray, QString* error)
+bool decodeLines(const QByteArray& data, qint64& pos, const PageLayout& page, QByteArray& gray,
+                 QString* error)
 {
     const quint32 unit = page.bitsPerPixel < 8 ? 1 : page.bitsPerPixel / 8;
     // The byte of a white pixel: no ink for black and CMYK, full light for
@@ -168,9 +170,9 @@ bool checkLayout(const PageLayout& page, QString* error)
         return false;
     }
     const quint32 channels = quint32(channelsOf(page.colours));
-    if ((page.bitsPerColor != 1 && page.bitsPerColor != 2 && page.bitsPerColor != 4 && page.bitsPerColor != 8
-         && page.bitsPerColor != 16)
-        || page.bitsPerPixel != page.bitsPerColor * channels || (channels > 1 && page.bitsPerColor < 8)) {
+    if ((page.bitsPerColor != 1 && page.bitsPerColor != 2 && page.bitsPerColor != 4 &&
+         page.bitsPerColor != 8 && page.bitsPerColor != 16) ||
+        page.bitsPerPixel != page.bitsPerColor * channels || (channels > 1 && page.bitsPerColor < 8)) {
         *error = QStringLiteral("%1 bits per pixel, %2 per colour, %3 colours")
                      .arg(page.bitsPerPixel)
                      .arg(page.bitsPerColor)
@@ -280,13 +282,14 @@ QList<RasterPageImage> decodeRasterPages(const QString& rasterFile, const QStrin
         pos += headerSize;
         PageLayout page;
         QByteArray gray;
-        if (!(apple ? appleLayout(header, page, &problem) : pwgLayout(header, page, &problem))
-            || !decodeLines(data, pos, page, gray, &problem)) {
+        if (!(apple ? appleLayout(header, page, &problem) : pwgLayout(header, page, &problem)) ||
+            !decodeLines(data, pos, page, gray, &problem)) {
             problem = QStringLiteral("page %1: %2").arg(pages.size() + 1).arg(problem);
             break;
         }
         RasterPageImage image;
-        image.file = QDir(folder).filePath(QStringLiteral("page-%1.pgm").arg(pages.size() + 1, 3, 10, QLatin1Char('0')));
+        image.file = QDir(folder).filePath(
+            QStringLiteral("page-%1.pgm").arg(pages.size() + 1, 3, 10, QLatin1Char('0')));
         image.width = int(page.width);
         image.height = int(page.height);
         image.xResolution = int(page.xResolution);
@@ -310,7 +313,8 @@ QString ocrText(const QString& pgmFile, QString* error)
     QFile file(pgmFile);
     if (file.open(QIODevice::ReadOnly)) {
         const QRegularExpressionMatch match =
-            QRegularExpression(QStringLiteral("^# resolution (\\d+)x\\d+ dpi$"), QRegularExpression::MultilineOption)
+            QRegularExpression(QStringLiteral("^# resolution (\\d+)x\\d+ dpi$"),
+                               QRegularExpression::MultilineOption)
                 .match(QString::fromLatin1(file.read(256)));
         if (match.hasMatch())
             arguments << QStringLiteral("--dpi") << match.captured(1);

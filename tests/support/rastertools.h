@@ -7,8 +7,7 @@
 #include <QString>
 
 // One decoded page: its PGM file and what the page header said about it.
-struct RasterPageImage
-{
+struct RasterPageImage {
     QString file;
     int width = 0;
     int height = 0;
