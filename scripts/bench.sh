@@ -2,7 +2,7 @@
 # Benchmark of the installed quillet, in two parts. Runs after
 # `bash scripts/setup.sh`, as root on Debian 12; installs its own tools.
 #
-#   bash scripts/bench.sh [--rounds N] [--part filter|queue|all]
+#   bash scripts/bench.sh [--rounds N] [--part filter|queue|driverless|all]
 #                         [--pages "2000 20000"] [--one-page-runs N]
 #                         [--queue-one-page-runs N]
 #
@@ -15,6 +15,11 @@
 #   backend that reads the stream and notes when its first byte came, on
 #   enscript jobs of 1, 20 and 1,000 pages and a 20-page job made by pdftops;
 #   beside it CUPS's gstopdf filter on the same jobs, and the stand-in alone.
+# driverless: a 20-page PDF job from lp to its completion on a private print
+#   server, through a quillet queue and through a plain driverless queue
+#   (lpadmin -m everywhere) to the same simulated IPP Everywhere printer
+#   (CUPS's ippeveprinter), once for a printer that takes PDF and once for
+#   one that takes PWG raster only.
 #
 # The tools run interleaved, each round in another order, all the same way:
 # through /usr/bin/time (peak RSS) with a minimal environment, wall time taken
@@ -35,7 +40,7 @@ while [ $# -gt 0 ]; do
         --pages) page_counts=$2; shift 2 ;;
         --one-page-runs) one_page_runs=$2; shift 2 ;;
         --queue-one-page-runs) queue_one_page_runs=$2; shift 2 ;;
-        -h | --help) sed -n '2,22p' "$0"; exit 0 ;;
+        -h | --help) sed -n '2,27p' "$0"; exit 0 ;;
         *) echo "bench: unknown argument $1" >&2; exit 2 ;;
     esac
 done
@@ -44,8 +49,8 @@ if [ "$rounds" -lt 1 ] || [ "$one_page_runs" -lt 1 ] || [ "$queue_one_page_runs"
     exit 2
 fi
 case $part in
-    filter | queue | all) ;;
-    *) echo "bench: --part is filter, queue or all" >&2; exit 2 ;;
+    filter | queue | driverless | all) ;;
+    *) echo "bench: --part is filter, queue, driverless or all" >&2; exit 2 ;;
 esac
 if [ "$(id -u)" -ne 0 ]; then
     echo "bench: run as root (the backend runs as root, as the print server runs it)" >&2
@@ -72,6 +77,13 @@ trap 'rm -rf "$work"' EXIT
 chmod 0711 "$work"
 # The verdicts of all targets, printed at the end.
 : >"$work/targets"
+
+# The variables of the queues' example template.
+queue_variables=$work/queue.vars
+cat >"$queue_variables" <<'EOF'
+LABEL_NAME=CONFIDENTIAL_INTERNAL
+mac-job-mac-level-name=Для служебного пользования
+EOF
 
 # The filter part's own template: six strings with page numbers.
 cat >"$work/six.tmpl" <<'EOF'
@@ -290,10 +302,7 @@ queue_part() {
     printf 'User lp\nGroup lp\n' >"$queue/etc/cups-files.conf"
     install -m 0600 examples/marker.tmpl "$queue/etc/quillet/bench.tmpl"
     install -m 0600 /dev/null "$queue/etc/quillet/bench.vars"
-    cat >"$queue/etc/quillet/bench.vars" <<'EOF'
-LABEL_NAME=CONFIDENTIAL_INTERNAL
-mac-job-mac-level-name=Для служебного пользования
-EOF
+    install -m 0600 "$queue_variables" "$queue/etc/quillet/bench.vars"
     # CUPS's generic PostScript printer, drv:///sample.drv/generic.ppd.
     ppdc -d "$queue/ppd" /usr/share/cups/drv/sample.drv
     local ppd=$queue/ppd/generic.ppd
@@ -466,10 +475,123 @@ EOF
         }' "$work/queue-summary" >>"$work/targets"
 }
 
+# The driverless printers: a private print server (its own configuration,
+# spool, state and logs, all in the work folder, listening on a socket
+# there) with two queues per simulated printer; each printer runs beside its
+# own D-Bus bus and avahi-daemon (tests/support/private-avahi), so that
+# nothing of the host's print server, bus or network announcements is used.
+driverless_part() {
+    local server=$work/driverless
+    [ -n "$work" ] && [ -d "$work" ] || exit 1
+    mkdir -p "$server/etc/ppd" "$server/etc/ssl" "$server/etc/quillet" "$server/spool/tmp" "$server/cache" \
+        "$server/state" "$server/log"
+    chmod 0755 "$server"
+    chmod 0700 "$server/etc/quillet"
+    printf '%s\n' "ServerRoot $server/etc" "RequestRoot $server/spool" "TempDir $server/spool/tmp" \
+        "CacheDir $server/cache" "StateDir $server/state" "ServerKeychain $server/etc/ssl" \
+        "AccessLog $server/log/access_log" "ErrorLog $server/log/error_log" "PageLog $server/log/page_log" \
+        "Printcap $server/state/printcap" "User lp" "Group lp" "SystemGroup root" \
+        >"$server/etc/cups-files.conf"
+    printf '%s\n' "LogLevel info" "Listen $server/cups.sock" "Browsing No" "BrowseLocalProtocols none" \
+        "DefaultAuthType None" "<Location />" "  Order allow,deny" "  Allow all" "</Location>" \
+        >"$server/etc/cupsd.conf"
+    echo Community >"$server/etc/snmp.conf"
+    install -m 0600 examples/marker.tmpl "$server/etc/quillet/default.tmpl"
+    install -m 0600 "$queue_variables" "$server/etc/quillet/default.vars"
+    local socket=$server/cups.sock
+    /usr/sbin/cupsd -f -c "$server/etc/cupsd.conf" -s "$server/etc/cups-files.conf" &
+    local cupsd=$!
+    local i
+    for i in $(seq 100); do
+        CUPS_SERVER=$socket lpstat -r >/dev/null 2>&1 && break
+        sleep 0.1
+    done
+
+    make_document 20 "$work/driverless.ps"
+    ps2pdf "$work/driverless.ps" "$work/driverless.pdf"
+    chmod 0644 "$work/driverless.pdf"
+
+    local printers=() kind port format
+    for kind in pdf pwg; do
+        # A port that nothing answers on.
+        port=$((20000 + RANDOM % 20000))
+        while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((20000 + RANDOM % 20000)); done
+        format=application/pdf
+        [ "$kind" = pwg ] && format=image/pwg-raster
+        mkdir -p "$server/printer-$kind"
+        bash tests/support/private-avahi "$server/printer-$kind" -- ippeveprinter -r off -n localhost \
+            -p "$port" -c /bin/true -f "$format" -d "$server/printer-$kind" "Bench $kind" \
+            >"$server/printer-$kind.log" 2>&1 &
+        printers+=($!)
+        for i in $(seq 100); do
+            ipptool -q -T 2 "ipp://localhost:$port/ipp/print" get-printer-attributes.test 2>/dev/null && break
+            sleep 0.1
+        done
+        CUPS_SERVER=$socket lpadmin -p "plain-$kind" -E -v "ipp://localhost:$port/ipp/print" -m everywhere
+        CUPS_SERVER=$socket lpadmin -p "quillet-$kind" -E -v "quillet:ipp://localhost:$port/ipp/print" \
+            -m drv:///sample.drv/generic.ppd
+    done
+
+    # One job from lp until the server lists it no more (polled every 20 ms);
+    # the seconds go to $work/<queue>.runs. A job that did not end completed
+    # (refused, cancelled, aborted) stops the benchmark.
+    driverless_run() { # queue
+        local start end id
+        start=$(date +%s.%N)
+        id=$(CUPS_SERVER=$socket lp -d "$1" "$work/driverless.pdf" | awk '{ print $4 }')
+        while CUPS_SERVER=$socket lpstat -o "$1" | grep -q "^$id "; do
+            sleep 0.02
+        done
+        end=$(date +%s.%N)
+        if ! grep -q "\[Job ${id##*-}\] Job completed\." "$server/log/error_log"; then
+            echo "bench: job $id on $1 did not complete; the server's log:" >&2
+            grep "\[Job ${id##*-}\]" "$server/log/error_log" | tail -20 >&2
+            exit 1
+        fi
+        echo "$(seconds_between "$start" "$end") 0" >>"$work/$1.runs"
+    }
+    echo "Warming up the driverless queues..."
+    local queue
+    for queue in plain-pdf quillet-pdf plain-pwg quillet-pwg; do
+        driverless_run "$queue"
+        rm -f "$work/$queue.runs"
+    done
+    local round
+    for round in $(seq "$rounds"); do
+        echo "Driverless round $round of $rounds..."
+        if [ $((round % 2)) -eq 1 ]; then
+            for queue in plain-pdf quillet-pdf plain-pwg quillet-pwg; do driverless_run "$queue"; done
+        else
+            for queue in quillet-pwg plain-pwg quillet-pdf plain-pdf; do driverless_run "$queue"; done
+        fi
+    done
+    kill "$cupsd" "${printers[@]}" 2>/dev/null || true
+    wait "$cupsd" 2>/dev/null || true
+
+    echo
+    echo "Driverless printers: a 20-page PDF job from lp to completed, median seconds of $rounds rounds"
+    echo
+    echo "| Printer | plain driverless queue | quillet queue | quillet / plain |"
+    echo "|---|---|---|---|"
+    local plain marked name
+    for kind in pdf pwg; do
+        plain=$(median "plain-$kind" 1)
+        marked=$(median "quillet-$kind" 1)
+        name=PDF
+        [ "$kind" = pwg ] && name="PWG raster"
+        awk -v n="$name" -v p="$plain" -v m="$marked" 'BEGIN { printf "| %s | %.2f | %.2f | %.2fx |\n", n, p, m, m / p }'
+        awk -v n="$name" -v p="$plain" -v m="$marked" 'BEGIN {
+            r = m / p
+            printf "driverless, %s printer: quillet queue <= 1.5 x plain queue (aim 1.1 x): %.2fx, %s%s\n",
+                n, r, r <= 1.5 ? "met" : "NOT met", r <= 1.1 ? " (aim met)" : "" }' >>"$work/targets"
+    done
+}
+
 case $part in
     filter) filter_part ;;
     queue) queue_part ;;
-    all) filter_part; queue_part ;;
+    driverless) driverless_part ;;
+    all) filter_part; queue_part; driverless_part ;;
 esac
 echo
 echo "Targets:"

@@ -5,9 +5,11 @@
 # that the test suite drives (Ghostscript, Poppler, document makers, the
 # CUPS print server with its client programs and filters, which the print
 # queue tests run privately, and the simulated driverless printer
-# ippeveprinter with ipptool, which needs its own D-Bus bus and avahi-daemon);
-# with --bench, also what scripts/bench.sh runs
-# (enscript, CUPS's pstops and gstopdf filters, the PPD compiler, GNU time);
+# ippeveprinter with ipptool, which needs its own D-Bus bus and avahi-daemon,
+# and tesseract, which reads the marks off the raster pages it receives);
+# with --bench, also what scripts/bench.sh runs (enscript, CUPS's pstops and
+# gstopdf filters, the PPD compiler, GNU time, and for the driverless part a
+# private print server and the simulated driverless printer);
 # with --sanitizers, the test tools and the AddressSanitizer and
 # UndefinedBehaviorSanitizer runtimes; with --fuzz, clang and its libFuzzer
 # and sanitizer runtimes.
@@ -32,9 +34,11 @@ test_packages=(
     time
     cups cups-client cups-filters
     cups-ipp-utils avahi-daemon dbus-daemon dbus-bin
+    tesseract-ocr
 )
 bench_packages=(
     enscript cups-core-drivers cups-filters cups-ppdc time
+    cups cups-client cups-ipp-utils avahi-daemon dbus-daemon dbus-bin
 )
 sanitizer_packages=(
     libasan8 libubsan1

@@ -484,6 +484,18 @@
         <source>Unknown command &quot;%1&quot;</source>
         <translation>Неизвестная команда &quot;%1&quot;</translation>
     </message>
+    <message>
+        <source>%1 at %2, so the backend cannot choose what to send it</source>
+        <translation>%1 по адресу %2, поэтому модуль печати не может выбрать, что ему отправлять</translation>
+    </message>
+    <message>
+        <source>switch the printer on and check that %1 reaches it, or name its format with %2 in the queue&apos;s variables</source>
+        <translation>включите принтер и проверьте, что %1 до него доходит, или укажите его формат параметром %2 в переменных очереди</translation>
+    </message>
+    <message>
+        <source>point the queue at a printer that takes PostScript, PDF, PWG raster or Apple raster (lpadmin -p %1 -v quillet:URI), or correct %2 in its variables</source>
+        <translation>направьте очередь на принтер, который принимает PostScript, PDF, PWG raster или Apple raster (lpadmin -p %1 -v quillet:URI), или исправьте %2 в её переменных</translation>
+    </message>
 </context>
 <context>
     <name>queuecheck</name>

@@ -1,7 +1,8 @@
-// The backend's run, stage by stage: configure (the device, the queue and
-// its set-up checks), receive the job, check it, normalise it with the
-// trusted interpreter, mark every copy, prove the marked stream, send it to
-// the real backend; every stage ends in the audit line. Each step of the
+// The backend's run, stage by stage: configure (the device, the queue, its
+// set-up checks and what the printer takes), receive the job, check it,
+// normalise it with the trusted interpreter, mark every copy, convert the
+// marked stream for a printer without PostScript, prove what would be sent,
+// send it to the real backend; every stage ends in the audit line. Each step of the
 // job's untrusted work runs in a sandbox of its own. Every refusal sends
 // nothing to the device.
 #include "backend/backend.h"
@@ -11,6 +12,7 @@
 #include "backend/jobvariables.h"
 #include "backend/pagesize.h"
 #include "backend/postscriptjob.h"
+#include "backend/printeroutput.h"
 #include "backend/printersetup.h"
 #include "backend/proof.h"
 #include "backend/queuecheck.h"
@@ -24,6 +26,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -147,6 +150,9 @@ QList<QByteArray> pagesToPostScriptCommand(const QString& pdf, const QString& po
     return {PdftocairoPath, "-ps", "-origpagesizes", QFile::encodeName(pdf), QFile::encodeName(postscript)};
 }
 
+// How long the printer may take to say what it accepts.
+constexpr int PrinterQueryTimeoutMs = 30000;
+
 // The start of the stream sent to the printer, before the printer's set-up
 // code and the marked copies.
 const char StreamHeader[] = "%!PS-Adobe-3.0\n";
@@ -168,6 +174,7 @@ class JobRun
     bool check(QString* error);
     bool normalise(QString* error);
     bool mark(QString* error);
+    bool convert(QString* error);
     bool prove(QString* error);
     int send();
 
@@ -177,6 +184,7 @@ class JobRun
     void audit(const QString& outcome) const;
 
     bool resolveAccount(QString* error);
+    bool choosePrinterOutput(QString* error);
     // Creates a file of the backend's folder owned by the marking account,
     // for a step to read.
     bool createForMarking(QFile& file, const QString& path);
@@ -204,6 +212,10 @@ class JobRun
     QByteArray m_template;
     DefinitionsState m_definitions;
     PrinterSetup m_printerSetup;
+    OutputPlan m_output;
+    // What send() hands to the real backend: the marked stream, or its
+    // conversion for the printer.
+    QString m_printFile;
     ServerAccount m_server;
     uid_t m_uid = 0;
     gid_t m_gid = 0;
@@ -239,7 +251,7 @@ int JobRun::execute()
     // (sent, refused, cancelled, device failure) writes the audit line.
     QString error;
     const bool ready = configure(&error) && receive(&error) && check(&error) && normalise(&error) &&
-                       mark(&error) && prove(&error);
+                       mark(&error) && convert(&error) && prove(&error);
     return ready ? send() : stopped(error);
 }
 
@@ -333,6 +345,8 @@ bool JobRun::configure(QString* error)
         *error = m_printerSetup.error;
         return false;
     }
+    if (!choosePrinterOutput(error))
+        return false;
 
     if (!resolveAccount(error))
         return false;
@@ -489,56 +503,109 @@ bool JobRun::mark(QString* error)
     return true;
 }
 
-// Before the first byte: the stream that would be sent runs to its end on
-// the server, without a PostScript error, and shows exactly the sheets that
-// the marked copies hold.
-bool JobRun::prove(QString* error)
+// The marked copies joined into the stream and, for a printer that takes no
+// PostScript, the stream written in the printer's format by Ghostscript in
+// the job's sandbox (a PostScript error in the stream stops it). Pages are
+// fitted inside the printer's margins as flat pages: the marks measure the
+// page they are drawn on, so the stream is first written as a PDF, whose
+// pages are then fitted, marks and all.
+bool JobRun::convert(QString* error)
 {
     if (!buildStream(error))
         return false;
-    const QString step = m_folder.createStep(QStringLiteral("proof"), m_uid, m_gid);
-    const int stream =
-        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
-    if (step.isEmpty() || stream < 0) {
-        if (stream >= 0)
-            close(stream);
-        *error = QStringLiteral("cannot prepare the proof of the marked stream");
+    m_printFile = m_folder.file(QStringLiteral("stream.ps"));
+    if (m_output.format == OutputFormat::PostScript)
+        return true;
+    const QString step = m_folder.createStep(QStringLiteral("convert"), m_uid, m_gid);
+    QFile stream;
+    if (step.isEmpty() || !openStepFile(stream, m_printFile)) {
+        *error = QStringLiteral("cannot prepare the conversion of the marked stream");
         return false;
     }
-    QString failure;
-    const bool ran = runSandboxed(QStringLiteral("the proof"), sandboxSpec(step),
-                                  proofCommand(sandboxOutput(QStringLiteral("sheets.pbm"))), stream,
-                                  m_folder.file(QStringLiteral("proof.err")), &failure);
-    close(stream);
-    if (!ran) {
-        *error = QStringLiteral("the marked stream does not print cleanly (%1)").arg(failure);
+    QString input; // standard input: the stream
+    if (fitsInsideMargins(m_output)) {
+        OutputPlan flat;
+        flat.format = OutputFormat::Pdf;
+        input = sandboxOutput(QStringLiteral("pages.pdf"));
+        if (!runSandboxed(QStringLiteral("the converter"), sandboxSpec(step),
+                          conversionCommand(flat, input, {}), stream.handle(),
+                          m_folder.file(QStringLiteral("pages.err")), error)) {
+            error->prepend(QStringLiteral("the marked stream cannot be written as pdf: "));
+            return false;
+        }
+    }
+    if (!runSandboxed(QStringLiteral("the converter"), sandboxSpec(step),
+                      conversionCommand(m_output, sandboxOutput(QStringLiteral("print.data")), input),
+                      stream.handle(), m_folder.file(QStringLiteral("convert.err")), error)) {
+        error->prepend(
+            QStringLiteral("the marked stream cannot be written as %1: ").arg(formatName(m_output.format)));
         return false;
     }
-    QFile drawn;
-    const qint64 sheets =
-        openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
+    m_printFile = step + QStringLiteral("/print.data");
+    return true;
+}
+
+// Before the first byte: what would be sent prints on the server without an
+// error and shows exactly the sheets that the marked copies hold. PostScript
+// and PDF run in Ghostscript, which draws every sheet at a low resolution;
+// a raster or PCL XL is read page by page.
+bool JobRun::prove(QString* error)
+{
+    const bool postscript = m_output.format == OutputFormat::PostScript;
+    const QString what =
+        postscript ? QStringLiteral("the marked stream")
+                   : QStringLiteral("the %1 written for the printer").arg(formatName(m_output.format));
+    QFile data;
+    if (!openStepFile(data, m_printFile)) {
+        *error = QStringLiteral("cannot read %1 for its proof").arg(what);
+        return false;
+    }
+    qint64 sheets = -1;
+    if (postscript || m_output.format == OutputFormat::Pdf) {
+        const QString step = m_folder.createStep(QStringLiteral("proof"), m_uid, m_gid);
+        QString failure;
+        if (step.isEmpty() ||
+            !runSandboxed(QStringLiteral("the proof"), sandboxSpec(step),
+                          proofCommand(sandboxOutput(QStringLiteral("sheets.pbm"))), data.handle(),
+                          m_folder.file(QStringLiteral("proof.err")), &failure)) {
+            *error = QStringLiteral("%1 does not print cleanly (%2)").arg(what, failure);
+            return false;
+        }
+        QFile drawn;
+        sheets = openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
+    } else {
+        sheets = countConvertedPages(m_output.format, data);
+    }
     const qint64 expected = sheetsPerCopy() * m_job.copies;
     if (sheets < 0) {
-        *error = QStringLiteral("the proof of the marked stream left no sheets that can be counted");
+        *error = QStringLiteral("the proof of %1 left no sheets that can be counted").arg(what);
         return false;
     }
     if (sheets != expected) {
-        *error = QStringLiteral("the marked stream shows %1 sheets where its marked copies hold %2")
+        *error = QStringLiteral("%1 shows %2 sheets where its marked copies hold %3")
+                     .arg(what)
                      .arg(sheets)
                      .arg(expected);
         return false;
     }
+    if (!postscript)
+        message(QStringLiteral(
+                    "INFO: quillet: job %1 goes to the printer as %2, inside margins of %3 %4 %5 %6 points")
+                    .arg(logText(m_job.jobId), formatName(m_output.format))
+                    .arg(m_output.margins.at(0), 0, 'f', 1)
+                    .arg(m_output.margins.at(1), 0, 'f', 1)
+                    .arg(m_output.margins.at(2), 0, 'f', 1)
+                    .arg(m_output.margins.at(3), 0, 'f', 1));
     return true;
 }
 
 int JobRun::send()
 {
-    const int stream =
-        open(QFile::encodeName(m_folder.file(QStringLiteral("stream.ps"))).constData(), O_RDONLY | O_CLOEXEC);
-    if (stream < 0)
+    QFile printData;
+    if (!openStepFile(printData, m_printFile))
         return refuse(QStringLiteral("cannot read the marked stream"));
-    const ChildResult result = runChild(realBackendCommand(m_realBackend, stream));
-    close(stream);
+    const ChildResult result = runChild(realBackendCommand(m_realBackend, printData.handle()));
+    printData.close();
     if (result.cancelled)
         return cancelled();
     if (!result.started)
@@ -558,6 +625,30 @@ int JobRun::send()
 qint64 JobRun::sheetsPerCopy() const
 {
     return m_settings.duplexBackPages ? 2 * m_pages : m_pages + (m_stampPage ? 1 : 0);
+}
+
+// What the printer is sent: a driverless printer is asked what it takes.
+bool JobRun::choosePrinterOutput(QString* error)
+{
+    const QString setting = m_settings.outputFormat;
+    const bool automatic = setting == QLatin1String("auto") || setting.isEmpty();
+    PrinterCapabilities printer;
+    bool asked = false;
+    if (canAskPrinter(m_device.scheme)) {
+        printer = askPrinter(m_device.uri, PrinterQueryTimeoutMs);
+        asked = printer.error.isEmpty();
+        if (!asked && automatic) {
+            *error = QStringLiteral("%1 at %2, so the format to send cannot be chosen")
+                         .arg(printer.error, uriForMessages(m_device.uri));
+            return false;
+        }
+        if (!asked)
+            message(QStringLiteral("WARNING: quillet: %1; sending %2 as the queue says")
+                        .arg(logText(printer.error), setting));
+    }
+    m_output = planOutput(setting, asked, printer, m_settings.duplexBackPages);
+    *error = m_output.error;
+    return error->isEmpty();
 }
 
 bool JobRun::resolveAccount(QString* error)
@@ -778,14 +869,22 @@ ChildCommand JobRun::realBackendCommand(const QString& program, int input) const
     command.program = QFile::encodeName(program);
     // As the print server starts backends: the URI first, one copy (every
     // copy is in the stream), the document on standard input.
+    // The options lose those that would make the printer change the pages
+    // (ranges, n-up, scaling, copies); back-page queues print two-sided.
     command.arguments << QFile::encodeName(uriForMessages(m_device.uri)) << m_argv.at(1) << m_argv.at(2)
-                      << m_argv.at(3) << "1" << m_argv.at(5);
-    const QByteArray deviceVariable = "DEVICE_URI=";
+                      << m_argv.at(3) << "1" << printerJobOptions(m_argv.at(5), m_settings.duplexBackPages);
+    // The environment tells the real backend what the data is, so that a
+    // driverless printer is told the format it gets.
+    const QList<QByteArray> replaced{"DEVICE_URI=", "CONTENT_TYPE=", "FINAL_CONTENT_TYPE="};
     for (char** entry = environ; *entry; ++entry) {
-        if (!QByteArray(*entry).startsWith(deviceVariable))
-            command.environment << QByteArray(*entry);
+        const QByteArray variable(*entry);
+        if (std::none_of(replaced.begin(), replaced.end(),
+                         [&](const QByteArray& name) { return variable.startsWith(name); }))
+            command.environment << variable;
     }
-    command.environment << deviceVariable + m_device.uri.toUtf8();
+    const QByteArray type = mediaType(m_output.format);
+    command.environment << "DEVICE_URI=" + m_device.uri.toUtf8() << "CONTENT_TYPE=" + type
+                        << "FINAL_CONTENT_TYPE=" + type;
     command.standardInput = input;
     command.keepChannels = true;
 

@@ -1,6 +1,7 @@
 // Reading a queue's marking configuration and the print server's account.
 #include "backend/queuesettings.h"
 
+#include "backend/printeroutput.h"
 #include "pagecode/pagecoder.h"
 
 #include <QDir>
@@ -100,19 +101,30 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                     }
                     settings.sandboxFolders.append(path);
                 }
-            } else if (pair.first == QLatin1String(CpuSecondsSetting) || pair.first == QLatin1String(MemorySetting) ||
+            } else if (pair.first == QLatin1String(CpuSecondsSetting) ||
+                       pair.first == QLatin1String(MemorySetting) ||
                        pair.first == QLatin1String(OutputSetting)) {
                 bool ok = false;
                 const int value = pair.second.toInt(&ok);
                 if (!ok || value <= 0 || value > 1000000) {
-                    settings.error = QStringLiteral("%1: %2 must be a whole number from 1 to 1000000, not \"%3\"")
-                                         .arg(settings.variablesFile, pair.first, pair.second);
+                    settings.error =
+                        QStringLiteral("%1: %2 must be a whole number from 1 to 1000000, not \"%3\"")
+                            .arg(settings.variablesFile, pair.first, pair.second);
                     return settings;
                 }
                 int& bound = pair.first == QLatin1String(CpuSecondsSetting) ? settings.cpuSeconds
                              : pair.first == QLatin1String(MemorySetting)   ? settings.memoryMB
-                                                                             : settings.outputMB;
+                                                                            : settings.outputMB;
                 bound = value;
+            } else if (pair.first == QLatin1String(OutputFormatSetting)) {
+                if (!isOutputFormatSetting(pair.second)) {
+                    settings.error =
+                        QStringLiteral("%1: %2 must be auto, postscript, pdf, pwg-raster, urf or pcl, "
+                                       "not \"%3\"")
+                            .arg(settings.variablesFile, pair.first, pair.second);
+                    return settings;
+                }
+                settings.outputFormat = pair.second;
             } else if (pair.first == QLatin1String(PageCoder::KeySetting) ||
                        pair.first == QLatin1String(PageCoder::JobKeySetting)) {
                 // The marking account must never be pointed at the site key,

@@ -22,6 +22,7 @@ inline constexpr char SandboxFoldersSetting[] = "MarkerSandboxFolders";
 inline constexpr char CpuSecondsSetting[] = "MarkerJobCpuSeconds";
 inline constexpr char MemorySetting[] = "MarkerJobMemoryMB";
 inline constexpr char OutputSetting[] = "MarkerJobOutputMB";
+inline constexpr char OutputFormatSetting[] = "MarkerOutputFormat";
 
 // Folder below the print server's configuration folder that holds the
 // queues' templates and variables.
@@ -59,6 +60,10 @@ struct QueueSettings {
     int cpuSeconds = 300;
     int memoryMB = 2048;
     int outputMB = 2048;
+    // The format the printer is sent (MarkerOutputFormat): "auto" (asks a
+    // driverless printer, PostScript for others), "postscript", "pdf",
+    // "pwg-raster", "urf" or "pcl".
+    QString outputFormat = QStringLiteral("auto");
     // Why the configuration cannot be used; empty when it can.
     QString error;
 };

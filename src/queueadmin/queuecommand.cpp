@@ -5,6 +5,7 @@
 #include "app/startup.h"
 #include "backend/deviceuri.h"
 #include "backend/jobvariables.h"
+#include "backend/printeroutput.h"
 #include "backend/printersetup.h"
 #include "backend/queuesettings.h"
 #include "common/paths.h"
@@ -163,6 +164,40 @@ QList<SetupProblem> backPageProblems(const QString& queue)
                                                                "remove %3=1 from its variables"))
                               .arg(queue, QLatin1String(ShippedPpd), QLatin1String(DuplexSetting))});
     return problems;
+}
+
+// How long a printer may take to say what it accepts.
+constexpr int PrinterQueryTimeoutMs = 10000;
+
+// A driverless printer is asked what it accepts, as the backend asks it for
+// every job: one that does not answer, or that takes nothing quillet sends,
+// would have every job refused.
+QList<SetupProblem> printerProblems(const ServerQueue& queue, const QueueSettings& settings)
+{
+    const RealDevice device = realDevice(queue.deviceUri);
+    if (!device.error.isEmpty() || !canAskPrinter(device.scheme))
+        return {};
+    const PrinterCapabilities printer = askPrinter(device.uri, PrinterQueryTimeoutMs);
+    const bool automatic = settings.outputFormat == QLatin1String("auto") || settings.outputFormat.isEmpty();
+    if (!printer.error.isEmpty()) {
+        if (!automatic)
+            return {};
+        return {
+            {queueText(QT_TRANSLATE_NOOP("queue", "%1 at %2, so the backend cannot choose what to send it"))
+                 .arg(printer.error, uriForMessages(device.uri)),
+             queueText(QT_TRANSLATE_NOOP("queue", "switch the printer on and check that %1 reaches it, or "
+                                                  "name its format with %2 in the queue's variables"))
+                 .arg(uriForMessages(device.uri), QLatin1String(OutputFormatSetting))}};
+    }
+    const OutputPlan plan = planOutput(settings.outputFormat, true, printer, settings.duplexBackPages);
+    if (plan.error.isEmpty())
+        return {};
+    return {
+        {plan.error,
+         queueText(QT_TRANSLATE_NOOP("queue", "point the queue at a printer that takes PostScript, PDF, PWG "
+                                              "raster or Apple raster (lpadmin -p %1 -v quillet:URI), or "
+                                              "correct %2 in its variables"))
+             .arg(queue.name, QLatin1String(OutputFormatSetting))}};
 }
 
 // Who may submit jobs to the queue, from its operation policy.
@@ -641,6 +676,8 @@ QueueCheck checkQueue(const QString& root, const QString& queue)
     result.problems += markingSetupProblems(folder, queue, settings, templateText, definitions);
     if (exists && settings.duplexBackPages)
         result.problems += backPageProblems(queue);
+    if (exists)
+        result.problems += printerProblems(facts, settings);
     result.problems += pageCodeKeyProblems(definitions);
     return result;
 }

@@ -5,6 +5,7 @@
 // where the stand-in folders are the system's /etc/cups and /usr/share/cups,
 // as the backend and quillet see them.
 #include "../backend/printserver.h"
+#include "../backend/simulatedprinter.h"
 #include "../backend/standinprinter.h"
 
 #include "common/paths.h"
@@ -42,6 +43,8 @@ enum class Breakage {
     NoSuchQueue,
     AnonymousJobs,
     BackPagesWithoutDuplex,
+    PrinterSilent,
+    PrinterTakesNothing,
 };
 
 QStringList outputLines(const RunResult& run)
@@ -285,6 +288,10 @@ void TestQueueAdmin::brokenSetupGivesItsProblem_data()
     QTest::newRow("back pages without a duplexer")
         << int(Breakage::BackPagesWithoutDuplex)
         << "the queue prints back pages, which needs two-sided printing";
+    QTest::newRow("printer that does not answer")
+        << int(Breakage::PrinterSilent) << "the printer does not answer";
+    QTest::newRow("printer that takes no format quillet sends")
+        << int(Breakage::PrinterTakesNothing) << "the printer accepts none of the formats quillet sends";
 }
 
 void TestQueueAdmin::brokenSetupGivesItsProblem()
@@ -378,6 +385,25 @@ void TestQueueAdmin::brokenSetupGivesItsProblem()
         QVERIFY2(changed.exitCode == 0, changed.standardError.constData());
         break;
     }
+    case Breakage::PrinterSilent:
+    case Breakage::PrinterTakesNothing:
+        break; // the queue is pointed at a simulated printer below, which lives until the check
+    }
+
+    SimulatedPrinter jpegPrinter;
+    if (Breakage(breakage) == Breakage::PrinterSilent ||
+        Breakage(breakage) == Breakage::PrinterTakesNothing) {
+        QString error;
+        if (!SimulatedPrinter::available())
+            QSKIP("the simulated driverless printer cannot run here");
+        QVERIFY2(jpegPrinter.start({QStringLiteral("image/jpeg")}, false, &error), qPrintable(error));
+        const QString uri = jpegPrinter.uri();
+        if (Breakage(breakage) == Breakage::PrinterSilent)
+            jpegPrinter.stop(); // nothing answers on its port any more
+        const RunResult changed =
+            m_server.admin(QStringLiteral("lpadmin"), {QStringLiteral("-p"), queue, QStringLiteral("-v"),
+                                                       QStringLiteral("quillet:") + uri});
+        QVERIFY2(changed.exitCode == 0, changed.standardError.constData());
     }
 
     const RunResult checked = queueCommand({QStringLiteral("check"), queue});
