@@ -496,6 +496,14 @@
         <source>point the queue at a printer that takes PostScript, PDF, PWG raster or Apple raster (lpadmin -p %1 -v quillet:URI), or correct %2 in its variables</source>
         <translation>направьте очередь на принтер, который принимает PostScript, PDF, PWG raster или Apple raster (lpadmin -p %1 -v quillet:URI), или исправьте %2 в её переменных</translation>
     </message>
+    <message>
+        <source>the audit log %1 cannot be written, so every job is refused</source>
+        <translation>журнал аудита %1 недоступен для записи, поэтому каждое задание отклоняется</translation>
+    </message>
+    <message>
+        <source>run quillet-queue as root, and make %1 a folder that root may write to (install -d -m 700 %1)</source>
+        <translation>запустите quillet-queue от имени root и сделайте %1 папкой, в которую root может писать (install -d -m 700 %1)</translation>
+    </message>
 </context>
 <context>
     <name>queuecheck</name>
@@ -607,10 +615,6 @@
         <translation>Записать новый случайный ключ площадки в новый файл с правами 0600</translation>
     </message>
     <message>
-        <source>Print server log to look up the jobs&apos; audit lines in (default: %1)</source>
-        <translation>Журнал сервера печати, в котором искать строки аудита заданий (по умолчанию %1)</translation>
-    </message>
-    <message>
         <source>--new-key takes one file and nothing else</source>
         <translation>--new-key принимает один файл и ничего больше</translation>
     </message>
@@ -625,6 +629,10 @@
     <message>
         <source>--log takes one file name, once</source>
         <translation>--log принимает одно имя файла, один раз</translation>
+    </message>
+    <message>
+        <source>Audit log to look up the jobs&apos; records in (default: the one the marker definitions name, else %1)</source>
+        <translation>Журнал аудита, в котором искать записи заданий (по умолчанию тот, что указан в определениях маркеров, иначе %1)</translation>
     </message>
 </context>
 </TS>

@@ -17,6 +17,8 @@
 #include "backend/proof.h"
 #include "backend/queuecheck.h"
 #include "backend/queuesettings.h"
+#include "backend/serverpolicy.h"
+#include "common/auditrecord.h"
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "pagecode/pagecoder.h"
@@ -34,6 +36,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 namespace
@@ -181,9 +184,13 @@ class JobRun
     int stopped(const QString& error);
     int refuse(const QString& reason);
     int cancelled();
-    void audit(const QString& outcome) const;
+    // The audit of every ending: `outcome` is one of the Audit* outcomes,
+    // `detail` its reason.
+    void audit(const char* outcome, const QString& detail = QString()) const;
+    bool openAuditLog(QString* error);
 
     bool resolveAccount(QString* error);
+    bool verifyUser(const QString& serverRoot, QString* error);
     bool choosePrinterOutput(QString* error);
     // Creates a file of the backend's folder owned by the marking account,
     // for a step to read.
@@ -229,6 +236,12 @@ class JobRun
     // Whether quillet added the accounting stamp's page to every copy.
     bool m_stampPage = false;
     qint64 m_sent = 0;
+    // The audit log, open for appending from the start of the job.
+    int m_auditLog = -1;
+    int m_deviceStatus = 0;
+    bool m_userAuthenticated = false;
+    QString m_auditLogFile;
+    QString m_pageCodeKeyIdentity;
 };
 
 JobRun::JobRun(int argc, char* argv[])
@@ -255,8 +268,19 @@ int JobRun::execute()
     return ready ? send() : stopped(error);
 }
 
-void JobRun::audit(const QString& outcome) const
+// Every ending of a job writes its audit: a line in the print server's log,
+// and one JSON record in the audit log and to syslog (facility lpr), written
+// whatever the print server's log level.
+void JobRun::audit(const char* outcome, const QString& detail) const
 {
+    const QString name = QLatin1String(outcome);
+    QString ending = name;
+    if (name == QLatin1String(AuditSent))
+        ending = QStringLiteral("marked-and-sent");
+    else if (name == QLatin1String(AuditRefused))
+        ending = QStringLiteral("refused reason=\"%1\"").arg(logText(detail));
+    else if (name == QLatin1String(AuditDeviceFailed))
+        ending += QStringLiteral(" status=%1").arg(m_deviceStatus);
     message(
         QStringLiteral("NOTICE: quillet audit: job=%1 user=\"%2\" queue=%3 label=\"%4\" pages=%5 copies=%6 "
                        "sent=%7 outcome=%8")
@@ -264,7 +288,56 @@ void JobRun::audit(const QString& outcome) const
             .arg(m_pages)
             .arg(m_job.copies)
             .arg(m_sent)
-            .arg(outcome));
+            .arg(ending));
+
+    AuditRecord record;
+    record.time = QDateTime::currentDateTimeUtc();
+    record.job = m_job.jobId.toLongLong();
+    record.user = m_job.user;
+    record.userAuthenticated = m_userAuthenticated;
+    record.queue = m_queue;
+    record.label = m_label;
+    record.pages = m_pages;
+    record.copies = m_job.copies;
+    record.sheetsSent = m_sent;
+    record.format = formatName(m_output.format);
+    record.outcome = name;
+    record.reason = detail;
+    record.pageCodeKey = m_pageCodeKeyIdentity;
+    const QByteArray line = auditJsonLine(record);
+    if (m_auditLog >= 0 && write(m_auditLog, line.constData(), size_t(line.size())) != line.size())
+        message(QStringLiteral("ERROR: quillet: cannot write the audit record to %1: %2")
+                    .arg(m_auditLogFile, QString::fromLocal8Bit(std::strerror(errno))));
+    openlog("quillet", LOG_PID, LOG_LPR);
+    syslog(LOG_NOTICE, "%s", line.trimmed().constData());
+    closelog();
+}
+
+// The audit log is opened before anything of the job is done: a job whose
+// record could not be written is not printed. The folder is made root's
+// alone; the file is opened without following a link.
+bool JobRun::openAuditLog(QString* error)
+{
+    const QString named = lastValue(m_definitions.values, QLatin1String(AuditLogSetting));
+    m_auditLogFile = named.isEmpty() ? QLatin1String(QuilletAuditLog) : named;
+    const QByteArray path = QFile::encodeName(m_auditLogFile);
+    const QByteArray folder = QFile::encodeName(QFileInfo(m_auditLogFile).path());
+    if (mkdir(folder.constData(), 0700) != 0 && errno != EEXIST) {
+        *error = QStringLiteral("cannot make the audit log's folder %1: %2")
+                     .arg(QFile::decodeName(folder), QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    m_auditLog = open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    struct stat info;
+    if (m_auditLog < 0 || fstat(m_auditLog, &info) != 0 || !S_ISREG(info.st_mode)) {
+        *error = QStringLiteral("cannot write the audit log %1: %2")
+                     .arg(m_auditLogFile, QString::fromLocal8Bit(std::strerror(errno)));
+        if (m_auditLog >= 0)
+            close(m_auditLog);
+        m_auditLog = -1;
+        return false;
+    }
+    return true;
 }
 
 int JobRun::stopped(const QString& error)
@@ -282,7 +355,7 @@ int JobRun::refuse(const QString& reason)
     // ERROR line above becomes the job's state message that says why.
     message(QStringLiteral("ATTR: job-impressions=0"));
     message(QStringLiteral("PAGE: total 0"));
-    audit(QStringLiteral("refused reason=\"%1\"").arg(logText(reason)));
+    audit(AuditRefused, reason);
     return RefusedJobStatus;
 }
 
@@ -290,14 +363,18 @@ int JobRun::cancelled()
 {
     m_sent = 0;
     message(QStringLiteral("INFO: quillet: job %1 cancelled").arg(logText(m_job.jobId)));
-    audit(QStringLiteral("cancelled"));
+    audit(AuditCancelledBeforeSending);
     return RefusedJobStatus;
 }
 
-// The device, the queue's configuration, the set-up checks, the marking
-// account and the job's folder.
+// The audit log, the device, the queue's configuration, the set-up checks,
+// the marking account and the job's folder.
 bool JobRun::configure(QString* error)
 {
+    // The audit log first: every later ending has its record.
+    m_definitions = readDefinitions();
+    if (!openAuditLog(error))
+        return false;
     const QByteArray deviceUri =
         qEnvironmentVariableIsSet("DEVICE_URI") ? qgetenv("DEVICE_URI") : m_argv.at(0);
     m_device = realDevice(QString::fromUtf8(deviceUri));
@@ -319,6 +396,8 @@ bool JobRun::configure(QString* error)
 
     m_server = readServerAccount(serverRoot);
     m_settings = readQueueSettings(serverRoot, m_queue);
+    if (!verifyUser(serverRoot, error))
+        return false;
     m_label = securityLabel(m_settings.variables);
     const QString queueFolder = serverRoot + QLatin1Char('/') + QLatin1String(QueueConfigFolder);
     if (!m_settings.error.isEmpty()) {
@@ -336,7 +415,6 @@ bool JobRun::configure(QString* error)
         return false;
     }
     m_template = templateFile.readAll();
-    m_definitions = readDefinitions();
     *error = markingSetupProblem(queueFolder, m_queue, m_settings, m_template, m_definitions);
     if (!error->isEmpty())
         return false;
@@ -605,20 +683,43 @@ int JobRun::send()
     if (!openStepFile(printData, m_printFile))
         return refuse(QStringLiteral("cannot read the marked stream"));
     const ChildResult result = runChild(realBackendCommand(m_realBackend, printData.handle()));
+    // The real backend read the data through this descriptor: where it
+    // stopped tells how much of the job it took.
+    const qint64 handedOver = lseek(printData.handle(), 0, SEEK_CUR);
+    const qint64 size = printData.size();
     printData.close();
-    if (result.cancelled)
-        return cancelled();
     if (!result.started)
         return refuse(QStringLiteral("cannot run the backend %1: %2").arg(m_realBackend, result.error));
+    const QString taken = QStringLiteral("%1 of %2 bytes handed to the backend %3")
+                              .arg(qMax<qint64>(handedOver, 0))
+                              .arg(size)
+                              .arg(m_device.scheme);
+    if (result.cancelled) {
+        message(QStringLiteral("INFO: quillet: job %1 cancelled").arg(logText(m_job.jobId)));
+        if (handedOver <= 0) {
+            audit(AuditCancelledBeforeSending, taken);
+        } else if (handedOver < size) {
+            audit(AuditCancelledWhileSending, taken);
+        } else {
+            // Everything went to the printer's backend: the printer may
+            // well print it all.
+            m_sent = sheetsPerCopy() * m_job.copies;
+            audit(AuditCancelledAfterSending, taken);
+        }
+        return RefusedJobStatus;
+    }
     if (result.exitStatus != BackendOk) {
-        const int status = result.exitStatus > 0 ? result.exitStatus : BackendFailed;
-        audit(QStringLiteral("device-failed status=%1").arg(status));
-        return status;
+        m_deviceStatus = result.exitStatus > 0 ? result.exitStatus : BackendFailed;
+        audit(AuditDeviceFailed, QStringLiteral("the backend %1 ended with status %2; %3")
+                                     .arg(m_device.scheme)
+                                     .arg(m_deviceStatus)
+                                     .arg(taken));
+        return m_deviceStatus;
     }
     m_sent = sheetsPerCopy() * m_job.copies;
     message(QStringLiteral("ATTR: job-impressions=%1").arg(m_sent));
     message(QStringLiteral("PAGE: total %1").arg(m_sent));
-    audit(QStringLiteral("marked-and-sent"));
+    audit(AuditSent);
     return BackendOk;
 }
 
@@ -649,6 +750,32 @@ bool JobRun::choosePrinterOutput(QString* error)
     m_output = planOutput(setting, asked, printer, m_settings.duplexBackPages);
     *error = m_output.error;
     return error->isEmpty();
+}
+
+// The name on the job is verified when the queue's policy made the user
+// authenticate to submit it; otherwise the client chose it. An unverified
+// name is marked as such, or the job refused, as the queue says.
+bool JobRun::verifyUser(const QString& serverRoot, QString* error)
+{
+    QByteArray cupsdConf;
+    QByteArray printersConf;
+    QFile cupsd(serverRoot + QStringLiteral("/cupsd.conf"));
+    QFile printers(serverRoot + QStringLiteral("/printers.conf"));
+    if (cupsd.open(QIODevice::ReadOnly))
+        cupsdConf = cupsd.readAll();
+    if (printers.open(QIODevice::ReadOnly))
+        printersConf = printers.readAll();
+    m_userAuthenticated =
+        !cupsdConf.isEmpty() && !submissionRule(cupsdConf, queueOpPolicy(printersConf, m_queue)).anonymous;
+    m_job.userVerified = m_userAuthenticated;
+    if (!m_userAuthenticated && m_settings.refuseUnverifiedUser) {
+        *error =
+            QStringLiteral("the queue takes jobs from users who did not authenticate, so the name \"%1\" "
+                           "is not verified, and %2=refuse")
+                .arg(m_job.user, QLatin1String(UnverifiedUserSetting));
+        return false;
+    }
+    return true;
 }
 
 bool JobRun::resolveAccount(QString* error)
@@ -709,6 +836,7 @@ bool JobRun::handOverPageCodeKey(QString* error)
             QStringLiteral("page codes need the job's number, but the job id is \"%1\"").arg(m_job.jobId);
         return false;
     }
+    m_pageCodeKeyIdentity = site.identity();
     site.forJob(id, &jobKey); // a site key derives the key of every job
     if (!writeForMarking(m_folder.file(QStringLiteral("page-code.key")), jobKey.toText())) {
         *error = QStringLiteral("cannot write the job's page-code key for marking");

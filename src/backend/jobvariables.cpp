@@ -4,7 +4,6 @@
 #include "pagecode/pagecoder.h"
 #include "settings/variables.h"
 
-
 #include <cups/cups.h>
 
 const QStringList& reservedVariableKeys()
@@ -66,7 +65,8 @@ bool isLandscape(const KeyValueList& options)
 QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int copy)
 {
     KeyValueList lines = {
-        {QStringLiteral("job-originating-user-name"), job.user},
+        {QStringLiteral("job-originating-user-name"),
+         job.userVerified ? job.user : job.user + QLatin1String(UnverifiedUserMark)},
         {QStringLiteral("job-id"), job.jobId},
         {QStringLiteral("job-name"), job.title},
         {QStringLiteral("printer-name"), job.printer},

@@ -10,8 +10,10 @@
 // What the print server says about a job, as the backend collects it.
 struct JobFacts {
     QString jobId;
-    // The user the print server authenticated (the backend's second argument).
+    // The user who submitted the job (the backend's second argument), and
+    // whether the print server made them authenticate to do so.
     QString user;
+    bool userVerified = true;
     QString title;
     QString printer;
     int copies = 1;
@@ -26,6 +28,9 @@ struct JobFacts {
     // the site key; empty when the site makes no page codes.
     QString pageCodeKeyFile;
 };
+
+// What the marks add to a user name that the print server did not verify.
+inline constexpr char UnverifiedUserMark[] = " (unverified)";
 
 // Keys that the backend or quillet itself sets: a job option never
 // supplies them, whatever MarkerJobOptions says.

@@ -116,6 +116,13 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                              : pair.first == QLatin1String(MemorySetting)   ? settings.memoryMB
                                                                             : settings.outputMB;
                 bound = value;
+            } else if (pair.first == QLatin1String(UnverifiedUserSetting)) {
+                if (pair.second != QLatin1String("mark") && pair.second != QLatin1String("refuse")) {
+                    settings.error = QStringLiteral("%1: %2 must be mark or refuse, not \"%3\"")
+                                         .arg(settings.variablesFile, pair.first, pair.second);
+                    return settings;
+                }
+                settings.refuseUnverifiedUser = pair.second == QLatin1String("refuse");
             } else if (pair.first == QLatin1String(OutputFormatSetting)) {
                 if (!isOutputFormatSetting(pair.second)) {
                     settings.error =

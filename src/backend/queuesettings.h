@@ -23,6 +23,7 @@ inline constexpr char CpuSecondsSetting[] = "MarkerJobCpuSeconds";
 inline constexpr char MemorySetting[] = "MarkerJobMemoryMB";
 inline constexpr char OutputSetting[] = "MarkerJobOutputMB";
 inline constexpr char OutputFormatSetting[] = "MarkerOutputFormat";
+inline constexpr char UnverifiedUserSetting[] = "MarkerUnverifiedUser";
 
 // Folder below the print server's configuration folder that holds the
 // queues' templates and variables.
@@ -64,6 +65,10 @@ struct QueueSettings {
     // driverless printer, PostScript for others), "postscript", "pdf",
     // "pwg-raster", "urf" or "pcl".
     QString outputFormat = QStringLiteral("auto");
+    // What a job from a user whom the print server did not make authenticate
+    // gets (MarkerUnverifiedUser): marked with the name followed by
+    // "(unverified)", or refused (MarkerUnverifiedUser=refuse).
+    bool refuseUnverifiedUser = false;
     // Why the configuration cannot be used; empty when it can.
     QString error;
 };

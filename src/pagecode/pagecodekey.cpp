@@ -191,3 +191,10 @@ PageCodeReading PageCodeKey::read(const QString& typed, PageCodeFields* fields) 
     *fields = said;
     return PageCodeReading::Authentic;
 }
+
+QString PageCodeKey::identity() const
+{
+    const QByteArray hash = QCryptographicHash::hash(QByteArrayLiteral("quillet key identity\n") + m_secret,
+                                                     QCryptographicHash::Sha256);
+    return QString::fromLatin1(hash.toHex().left(16));
+}

@@ -58,6 +58,10 @@ class PageCodeKey
     // The job a job key belongs to (its code field); 0 for a site key.
     quint32 job() const { return m_job; }
 
+    // A name for the key that does not give it away (16 hex digits of a
+    // hash of the secret), for audit records.
+    QString identity() const;
+
     // The job key of one job id (reduced to the code's field): derived from a
     // site key; a job key answers itself for its own job. Returns false for a
     // job key of another job.

@@ -5,6 +5,7 @@
 #include "app/startup.h"
 #include "backend/deviceuri.h"
 #include "backend/jobvariables.h"
+#include "common/auditrecord.h"
 #include "backend/printeroutput.h"
 #include "backend/printersetup.h"
 #include "backend/queuesettings.h"
@@ -12,7 +13,7 @@
 #include "pagecode/pagecodekey.h"
 #include "pagecode/pagecoder.h"
 #include "queueadmin/cupsclient.h"
-#include "queueadmin/serverpolicy.h"
+#include "backend/serverpolicy.h"
 #include "queueadmin/shippedfiles.h"
 
 #include <QCommandLineParser>
@@ -198,6 +199,31 @@ QList<SetupProblem> printerProblems(const ServerQueue& queue, const QueueSetting
                                               "raster or Apple raster (lpadmin -p %1 -v quillet:URI), or "
                                               "correct %2 in its variables"))
              .arg(queue.name, QLatin1String(OutputFormatSetting))}};
+}
+
+// The backend refuses every job whose audit record it cannot write.
+QList<SetupProblem> auditLogProblems(const DefinitionsState& definitions)
+{
+    const QString named = lastValue(definitions.values, QLatin1String(AuditLogSetting));
+    const QString file = named.isEmpty() ? QLatin1String(QuilletAuditLog) : named;
+    // As the backend will: the file when it is there, else the folder it
+    // goes into, else the folder that the backend makes it in.
+    const QFileInfo log(file);
+    const QFileInfo folder(log.path());
+    const auto writable = [](const QString& path) {
+        return access(QFile::encodeName(path).constData(), W_OK) == 0;
+    };
+    const bool ok = log.exists()      ? log.isFile() && !log.isSymLink() && writable(file)
+                    : folder.exists() ? folder.isDir() && writable(folder.filePath())
+                                      : writable(folder.path());
+    if (ok)
+        return {};
+    return {
+        {queueText(QT_TRANSLATE_NOOP("queue", "the audit log %1 cannot be written, so every job is refused"))
+             .arg(file),
+         queueText(QT_TRANSLATE_NOOP("queue", "run quillet-queue as root, and make %1 a folder that root "
+                                              "may write to (install -d -m 700 %1)"))
+             .arg(folder.filePath())}};
 }
 
 // Who may submit jobs to the queue, from its operation policy.
@@ -678,6 +704,7 @@ QueueCheck checkQueue(const QString& root, const QString& queue)
         result.problems += backPageProblems(queue);
     if (exists)
         result.problems += printerProblems(facts, settings);
+    result.problems += auditLogProblems(definitions);
     result.problems += pageCodeKeyProblems(definitions);
     return result;
 }

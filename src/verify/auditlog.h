@@ -1,12 +1,16 @@
-// The audit lines that the print server's log keeps about a job.
+// The audit records that the print queue's audit log keeps about a job.
 #pragma once
 
 #include <QString>
 #include <QStringList>
 
-// Returns the audit lines of a job in a print server's log file, in file
-// order, without their line ends: the lines at notice level ("N [...]") whose
-// message, after the job's tag "[Job <id>]", is the print queue backend's
-// "quillet audit: ..." line. The log's escapes (\" and \') are undone.
-// Empty when the file cannot be read.
+// The records of a job in an audit log (one JSON object per line, as the
+// print queue's backend writes them), in file order, each as its line
+// without the line end. Lines that are not whole records are passed over:
+// every value a user chose sits inside a JSON string, so no such text can
+// make a record of its own. Empty when the file cannot be read.
 QStringList auditLines(const QString& logFile, qint64 jobId);
+
+// The audit log that the marker definitions name (MarkerAuditLog), else the
+// installed one.
+QString definedAuditLog();

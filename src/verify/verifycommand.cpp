@@ -144,9 +144,9 @@ int verifyMain(int argc, char* argv[])
     parser.addOption(newKeyOption);
     const QCommandLineOption logOption(
         QStringLiteral("log"),
-        verifyText(QT_TRANSLATE_NOOP("verify", "Print server log to look up the jobs' audit lines in "
-                                               "(default: %1)"))
-            .arg(QLatin1String(CupsErrorLog)),
+        verifyText(QT_TRANSLATE_NOOP("verify", "Audit log to look up the jobs' records in (default: the one "
+                                               "the marker definitions name, else %1)"))
+            .arg(QLatin1String(QuilletAuditLog)),
         QStringLiteral("file"));
     parser.addOption(logOption);
     const QCommandLineOption helpOption = parser.addHelpOption();
@@ -184,6 +184,5 @@ int verifyMain(int argc, char* argv[])
         printError(error);
         return VerifyNotAuthentic;
     }
-    return checkCodes(key, codes,
-                      parser.isSet(logOption) ? parser.value(logOption) : QLatin1String(CupsErrorLog));
+    return checkCodes(key, codes, parser.isSet(logOption) ? parser.value(logOption) : definedAuditLog());
 }

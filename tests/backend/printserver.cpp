@@ -186,13 +186,27 @@ bool PrintServer::start(const QString& backend, QString* error)
     m_tree.installCatalogue();
 
     m_cupsd.setProgram(QStringLiteral(QUILLET_SANDBOX));
-    m_cupsd.setArguments({QStringLiteral("--bind"), QLatin1String(CupsDataDir),
-                          root + QStringLiteral("/data"), QStringLiteral("--bind"), m_tree.shareCups(),
-                          QLatin1String(CupsDataDir), QStringLiteral("--bind"), m_tree.etcCups(),
-                          QLatin1String(CupsServerRoot), QStringLiteral("--bind"),
-                          root + QStringLiteral("/quillet-bin"), quilletDir, QStringLiteral("--"),
-                          QStringLiteral("/usr/sbin/cupsd"), QStringLiteral("-f"), QStringLiteral("-c"),
-                          root + QStringLiteral("/etc/cupsd.conf"), QStringLiteral("-s"),
+    m_cupsd.setArguments({QStringLiteral("--bind"),
+                          QLatin1String(CupsDataDir),
+                          root + QStringLiteral("/data"),
+                          QStringLiteral("--bind"),
+                          m_tree.shareCups(),
+                          QLatin1String(CupsDataDir),
+                          QStringLiteral("--bind"),
+                          m_tree.etcCups(),
+                          QLatin1String(CupsServerRoot),
+                          QStringLiteral("--bind"),
+                          root + QStringLiteral("/quillet-bin"),
+                          quilletDir,
+                          QStringLiteral("--bind"),
+                          m_tree.auditLogFolder(),
+                          QFileInfo(QLatin1String(QuilletAuditLog)).path(),
+                          QStringLiteral("--"),
+                          QStringLiteral("/usr/sbin/cupsd"),
+                          QStringLiteral("-f"),
+                          QStringLiteral("-c"),
+                          root + QStringLiteral("/etc/cupsd.conf"),
+                          QStringLiteral("-s"),
                           root + QStringLiteral("/etc/cups-files.conf")});
     m_cupsd.setProcessChannelMode(QProcess::MergedChannels);
     m_cupsd.start();
@@ -314,4 +328,9 @@ QStringList PrintServer::jobLogLines(int id) const
             lines.append(text);
     }
     return lines;
+}
+
+QString PrintServer::auditLogFile() const
+{
+    return m_tree.auditLogFolder() + QLatin1Char('/') + QFileInfo(QLatin1String(QuilletAuditLog)).fileName();
 }

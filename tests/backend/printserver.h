@@ -56,6 +56,10 @@ class PrintServer
     // an administrator who made it from scratch would leave it.
     void writeOwnSiteDefinitions(const QByteArray& content) const;
 
+    // The backend's audit log, as the server's namespace shows it at its
+    // installed path.
+    QString auditLogFile() const;
+
     // The print server's log file.
     QString errorLogFile() const;
 

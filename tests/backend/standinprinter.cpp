@@ -95,19 +95,30 @@ void StandInPrinter::serve()
             idle = 0;
             char buffer[65536];
             const ssize_t got = read(connection, buffer, sizeof buffer);
+            if (got == 0 && m_holdOpen && !data.isEmpty()) {
+                saveJob(data);
+                data.clear();
+                while (!m_stop && std::chrono::steady_clock::now() < deadline)
+                    poll(nullptr, 0, PollMs);
+            }
             if (got <= 0)
                 break;
             data.append(buffer, int(got));
         }
         close(connection);
-        // A connection without data (a probe) is not a job.
-        if (data.isEmpty())
-            continue;
-        const int number = m_saved + 1;
-        QFile file(m_folder + QStringLiteral("/job-%1.prn").arg(number));
-        if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size()) {
-            file.close();
-            m_saved = number;
-        }
+        saveJob(data);
+    }
+}
+
+void StandInPrinter::saveJob(const QByteArray& data)
+{
+    // A connection without data (a probe) is not a job.
+    if (data.isEmpty())
+        return;
+    const int number = m_saved + 1;
+    QFile file(m_folder + QStringLiteral("/job-%1.prn").arg(number));
+    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size()) {
+        file.close();
+        m_saved = number;
     }
 }

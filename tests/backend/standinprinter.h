@@ -19,6 +19,10 @@ class StandInPrinter
     StandInPrinter(const StandInPrinter&) = delete;
     StandInPrinter& operator=(const StandInPrinter&) = delete;
 
+    // Keeps every connection open after the job's data ended, as a printer
+    // does while it prints (until stop()); the job is saved at once.
+    void holdConnectionsOpen() { m_holdOpen = true; }
+
     // Starts listening; false with *error set when no port could be had.
     bool start(QString* error);
 
@@ -36,12 +40,14 @@ class StandInPrinter
 
   private:
     void serve();
+    void saveJob(const QByteArray& data);
 
     QString m_folder;
     int m_lifetimeMs;
     int m_listener = -1;
     int m_port = 0;
     std::atomic<bool> m_stop{false};
+    bool m_holdOpen = false;
     std::atomic<int> m_saved{0};
     std::thread m_thread;
 };

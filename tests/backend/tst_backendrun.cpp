@@ -1,6 +1,8 @@
 // The backend run directly, as the print server runs it, inside the sandbox:
 // what the real backend gets, a failing real backend, a job cancelled while
 // it is marked, and the work folder removed on every exit.
+#include "common/auditrecord.h"
+#include "sheetcheck.h"
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "support/postscripttools.h"
@@ -62,13 +64,14 @@ const char TwoSidedPpd[] = "*PPD-Adobe: \"4.3\"\n"
                            "*DefaultPaperDimension: A4\n"
                            "*PaperDimension A4: \"595 842\"\n"
                            "@DUPLEX@";
-const char DuplexOption[] = "*OpenUI *Duplex/2-Sided Printing: PickOne\n"
-                            "*OrderDependency: 10 AnySetup *Duplex\n"
-                            "*DefaultDuplex: None\n"
-                            "*Duplex None/Off: \"<</Duplex false>>setpagedevice\"\n"
-                            "*Duplex DuplexNoTumble/Long Edge: \"<</Duplex true/Tumble false>>setpagedevice\"\n"
-                            "*Duplex DuplexTumble/Short Edge: \"<</Duplex true/Tumble true>>setpagedevice\"\n"
-                            "*CloseUI: *Duplex\n";
+const char DuplexOption[] =
+    "*OpenUI *Duplex/2-Sided Printing: PickOne\n"
+    "*OrderDependency: 10 AnySetup *Duplex\n"
+    "*DefaultDuplex: None\n"
+    "*Duplex None/Off: \"<</Duplex false>>setpagedevice\"\n"
+    "*Duplex DuplexNoTumble/Long Edge: \"<</Duplex true/Tumble false>>setpagedevice\"\n"
+    "*Duplex DuplexTumble/Short Edge: \"<</Duplex true/Tumble true>>setpagedevice\"\n"
+    "*CloseUI: *Duplex\n";
 // An installable duplexer that the queue says is not there.
 const char MissingDuplexer[] = "*OpenGroup: InstallableOptions/Installable Options\n"
                                "*OpenUI *Option1/Duplexer: Boolean\n"
@@ -103,6 +106,11 @@ class BackendRig
     {
         writeFile(m_dir.filePath("etc/quillet/q.tmpl"), content);
     }
+    // A file of the print server's configuration folder (cupsd.conf, ...).
+    void setServerFile(const char* name, const QByteArray& content) const
+    {
+        writeFile(m_dir.filePath(QStringLiteral("etc/") + QLatin1String(name)), content);
+    }
     void setVariables(const QByteArray& content) const
     {
         writeFile(m_dir.filePath("etc/quillet/q.vars"), content);
@@ -124,7 +132,7 @@ class BackendRig
     void setPpd(Sides sides)
     {
         m_ppd = m_dir.filePath("queue.ppd");
-        const QByteArray duplex = sides == Sides::One ? QByteArray()
+        const QByteArray duplex = sides == Sides::One   ? QByteArray()
                                   : sides == Sides::Two ? QByteArray(DuplexOption)
                                                         : QByteArray(DuplexOption) + MissingDuplexer;
         writeFile(m_ppd, QByteArray(TwoSidedPpd).replace("@DUPLEX@", duplex));
@@ -144,6 +152,9 @@ class BackendRig
                            QStringLiteral("--bind"),
                            m_dir.filePath("quillet-bin"),
                            QFileInfo(QLatin1String(QuilletExecutablePath)).path(),
+                           QStringLiteral("--bind"),
+                           m_tree.auditLogFolder(),
+                           QFileInfo(QLatin1String(QuilletAuditLog)).path(),
                            QStringLiteral("--")} +
                command;
     }
@@ -166,6 +177,20 @@ class BackendRig
         return runProgram(QStringLiteral(QUILLET_SANDBOX),
                           sandboxArguments(QStringList{QStringLiteral(QUILLET_BACKEND)} + arguments),
                           environment(fakeStatus));
+    }
+
+    // The records of the backend's audit log.
+    QList<AuditRecord> auditRecords() const
+    {
+        QList<AuditRecord> records;
+        const QString file =
+            m_tree.auditLogFolder() + QLatin1Char('/') + QFileInfo(QLatin1String(QuilletAuditLog)).fileName();
+        for (const QByteArray& line : readFile(file).split('\n')) {
+            AuditRecord record;
+            if (!line.isEmpty() && readAuditJsonLine(line, &record))
+                records << record;
+        }
+        return records;
     }
 
     // What is left in the backend's temporary folder.
@@ -223,6 +248,8 @@ class TestBackendRun : public QObject
     void cancelledJobLeavesNothing_data();
     void cancelledJobLeavesNothing();
     void wrongCommandLine();
+    void auditRecordAndTheUsersName_data();
+    void auditRecordAndTheUsersName();
     void siteKeyProblemsRefuseTheJob_data();
     void siteKeyProblemsRefuseTheJob();
 };
@@ -239,6 +266,18 @@ void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
     // not see its argv[0].)
     QCOMPARE(readFile(rig.path("out/args")), QByteArray("7\nivanov\nreport\n1\nfinishings=3\n"));
     QCOMPARE(readFile(rig.path("out/uri")), QByteArray("fake://printer\n"));
+    // The audit log holds the job's one record; the client's name is not
+    // verified here (no print server made the user authenticate).
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().job, qint64(7));
+    QCOMPARE(records.first().user, QStringLiteral("ivanov"));
+    QVERIFY(!records.first().userAuthenticated);
+    QCOMPARE(records.first().queue, QStringLiteral("q"));
+    QCOMPARE(records.first().copies, 2);
+    QCOMPARE(records.first().sheetsSent, qint64(4));
+    QCOMPARE(records.first().format, QStringLiteral("postscript"));
+    QCOMPARE(records.first().outcome, QLatin1String(AuditSent));
     const QByteArray stream = readFile(rig.path("out/data"));
     QVERIFY(stream.startsWith("%!PS-Adobe-3.0\n"));
     QCOMPARE(stream.count("%%Page: "), 4);
@@ -262,6 +301,94 @@ void TestBackendRun::realBackendFailureIsPassedOn()
     QVERIFY2(run.standardError.contains("outcome=device-failed status=4\n"), run.standardError.constData());
     QVERIFY(!run.standardError.contains("PAGE: total 4"));
     QCOMPARE(rig.leftovers(), QStringList());
+}
+
+// Who is on the paper and in the record: a name that the print server made
+// the user prove, or a claimed one, marked as such or refused; and a job
+// whose audit record cannot be written is not printed.
+void TestBackendRun::auditRecordAndTheUsersName_data()
+{
+    QTest::addColumn<QByteArray>("cupsdConf");
+    QTest::addColumn<QByteArray>("printersConf");
+    QTest::addColumn<QByteArray>("variables");
+    QTest::addColumn<QByteArray>("definitions");
+    QTest::addColumn<QString>("outcome");
+    QTest::addColumn<bool>("authenticated");
+    QTest::addColumn<QString>("reason"); // a part of it
+
+    const QByteArray open = "<Policy default>\n  <Limit All>\n    Order deny,allow\n  </Limit>\n</Policy>\n";
+    const QByteArray closed = "DefaultAuthType Basic\n<Policy default>\n  <Limit All>\n    Order deny,allow\n"
+                              "  </Limit>\n</Policy>\n<Policy marked>\n  <Limit Create-Job Print-Job>\n"
+                              "    AuthType Default\n    Require valid-user\n  </Limit>\n  <Limit All>\n"
+                              "    Order deny,allow\n  </Limit>\n</Policy>\n";
+    const QByteArray queueUnderMarked = "<Printer q>\nOpPolicy marked\n</Printer>\n";
+    const QByteArray otherUnderMarked =
+        "<Printer other>\nOpPolicy marked\n</Printer>\n<Printer q>\n</Printer>\n";
+
+    QTest::newRow("no server configuration: the name is claimed")
+        << QByteArray() << QByteArray() << QByteArray() << QByteArray() << QString(AuditSent) << false
+        << QString();
+    QTest::newRow("a policy that lets anyone print: claimed")
+        << open << queueUnderMarked << QByteArray() << QByteArray() << QString(AuditSent) << false
+        << QString();
+    QTest::newRow("the queue's policy requires a valid user: verified")
+        << closed << queueUnderMarked << QByteArray() << QByteArray() << QString(AuditSent) << true
+        << QString();
+    QTest::newRow("another queue's policy does not count")
+        << closed << otherUnderMarked << QByteArray() << QByteArray() << QString(AuditSent) << false
+        << QString();
+    QTest::newRow("a claimed name refused by the queue's setting")
+        << open << queueUnderMarked << QByteArray("MarkerUnverifiedUser=refuse\n") << QByteArray()
+        << QString(AuditRefused) << false
+        << QStringLiteral("is not verified, and MarkerUnverifiedUser=refuse");
+    QTest::newRow("a verified name on a queue that refuses claimed ones")
+        << closed << queueUnderMarked << QByteArray("MarkerUnverifiedUser=refuse\n") << QByteArray()
+        << QString(AuditSent) << true << QString();
+    QTest::newRow("an unknown value of the setting")
+        << open << queueUnderMarked << QByteArray("MarkerUnverifiedUser=sometimes\n") << QByteArray()
+        << QString(AuditRefused) << false << QStringLiteral("must be mark or refuse");
+}
+
+void TestBackendRun::auditRecordAndTheUsersName()
+{
+    QFETCH(QByteArray, cupsdConf);
+    QFETCH(QByteArray, printersConf);
+    QFETCH(QByteArray, variables);
+    QFETCH(QByteArray, definitions);
+    QFETCH(QString, outcome);
+    QFETCH(bool, authenticated);
+    QFETCH(QString, reason);
+
+    BackendRig rig;
+    rig.setTemplate(Template);
+    if (!cupsdConf.isEmpty())
+        rig.setServerFile("cupsd.conf", cupsdConf);
+    if (!printersConf.isEmpty())
+        rig.setServerFile("printers.conf", printersConf);
+    rig.setVariables(variables);
+    if (!definitions.isEmpty())
+        rig.setDefinitions(definitions);
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
+    QCOMPARE(run.exitCode, outcome == QLatin1String(AuditSent) ? 0 : 5); // 5: the job is cancelled
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    const AuditRecord& record = records.first();
+    QCOMPARE(record.outcome, outcome);
+    QCOMPARE(record.userAuthenticated, authenticated);
+    QCOMPARE(record.user, QStringLiteral("ivanov"));
+    QVERIFY2(record.reason.contains(reason), qPrintable(record.reason));
+    QVERIFY(qAbs(record.time.secsTo(QDateTime::currentDateTimeUtc())) < 600);
+    if (outcome != QLatin1String(AuditSent))
+        return;
+    // The marks name the user as the print server knows them.
+    QString error;
+    QTemporaryDir work;
+    const QList<Sheet> sheets = readSheets(rig.path("out/data"), work.path(), &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QVERIFY(!sheets.isEmpty());
+    const QString text = sheets.first().text().simplified();
+    QVERIFY2(text.contains(QStringLiteral("User ivanov")), qPrintable(text));
+    QCOMPARE(text.contains(QStringLiteral("User ivanov (unverified)")), !authenticated);
 }
 
 void TestBackendRun::refusedJobLeavesNothing()
@@ -315,7 +442,8 @@ void TestBackendRun::interpreterRendersOrRefuses_data()
                       "showpage showpage showpage\n%%PageTrailer\n%%EOF\n")
         << 0 << 3 << QByteArray();
     QTest::newRow("a PostScript error")
-        << QByteArray("%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto (x) show\nnosuchoperator\n")
+        << QByteArray(
+               "%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto (x) show\nnosuchoperator\n")
         << 5 << 0 << QByteArray("the document cannot be rendered: the interpreter failed with status 1");
     // The interpreter's PDF of a program that shows nothing holds one empty
     // page: it prints, marked.
@@ -334,17 +462,18 @@ void TestBackendRun::interpreterRendersOrRefuses()
     const RunResult run = rig.run(jobArguments(rig.path("document.ps"), QStringLiteral("1")));
     QVERIFY2(run.exitCode == status, run.standardError.constData());
     if (status == 0) {
-        QVERIFY2(run.standardError.contains(QStringLiteral("pages=%1 copies=1 sent=%1 outcome=marked-and-sent\n")
-                                                .arg(pages)
-                                                .toUtf8()),
-                 run.standardError.constData());
+        QVERIFY2(
+            run.standardError.contains(
+                QStringLiteral("pages=%1 copies=1 sent=%1 outcome=marked-and-sent\n").arg(pages).toUtf8()),
+            run.standardError.constData());
         const QByteArray stream = readFile(rig.path("out/data"));
         QCOMPARE(stream.count("%%Page: "), pages);
         // What reached the printer is the interpreter's rendering, not the
         // document's own program.
         QVERIFY(!stream.contains("nosuchoperator") && !stream.contains("showpage showpage"));
     } else {
-        QVERIFY2(run.standardError.contains("refused, nothing printed: " + reason), run.standardError.constData());
+        QVERIFY2(run.standardError.contains("refused, nothing printed: " + reason),
+                 run.standardError.constData());
         QVERIFY(!QFileInfo::exists(rig.path("out/data")));
     }
     QCOMPARE(rig.leftovers(), QStringList());
@@ -359,8 +488,8 @@ void TestBackendRun::setUpThatCannotMarkIsRefused_data()
     QTest::addColumn<QByteArray>("reason");
     const QByteArray vars = "MarkerJobOptions=project\n";
     QTest::newRow("site definitions of one line")
-        << QByteArray("MarkerPageCodeKey=/etc/cups/quillet/page-code.key\n") << vars << QByteArray(Template) << 2
-        << QByteArray("do not set MarkerSafeOutput=1 (print-safe output)");
+        << QByteArray("MarkerPageCodeKey=/etc/cups/quillet/page-code.key\n") << vars << QByteArray(Template)
+        << 2 << QByteArray("do not set MarkerSafeOutput=1 (print-safe output)");
     QTest::newRow("site definitions that turn print-safe output off")
         << QByteArray("MarkerSafeOutput=0\n") << vars << QByteArray(Template) << 2
         << QByteArray("do not set MarkerSafeOutput=1");
@@ -404,7 +533,7 @@ void TestBackendRun::setUpThatCannotMarkIsRefused()
     else
         rig.setVariables(variables);
     if (ppd > 0)
-        rig.setPpd(ppd == 1 ? BackendRig::Sides::One
+        rig.setPpd(ppd == 1   ? BackendRig::Sides::One
                    : ppd == 2 ? BackendRig::Sides::Two
                               : BackendRig::Sides::TwoWithoutDuplexer);
     const RunResult run = rig.run(jobArguments(rig.path("job.ps")));
@@ -444,11 +573,13 @@ void TestBackendRun::backPagesAlwaysPrintTwoSided()
     // The printer's own code for the long edge, before the first copy, and
     // no request that turns two-sided printing off again.
     const int longEdge = stream.indexOf(LongEdgeCode);
-    QVERIFY2(longEdge > 0 && longEdge < stream.indexOf("userdict /quilletCopyState save put"), stream.left(2000));
+    QVERIFY2(longEdge > 0 && longEdge < stream.indexOf("userdict /quilletCopyState save put"),
+             stream.left(2000));
     QVERIFY(!stream.contains("/Duplex false") && !stream.contains("/Tumble true"));
     QCOMPARE(stream.count("\n%%Page: "), 2 * pages);
-    QVERIFY2(run.standardError.contains(QStringLiteral("sent=%1 outcome=marked-and-sent").arg(2 * pages).toUtf8()),
-             run.standardError.constData());
+    QVERIFY2(
+        run.standardError.contains(QStringLiteral("sent=%1 outcome=marked-and-sent").arg(2 * pages).toUtf8()),
+        run.standardError.constData());
 }
 
 void TestBackendRun::markingRunsAsServerUser_data()
@@ -500,10 +631,10 @@ void TestBackendRun::cancelledJobLeavesNothing()
     // The print server cancels the job a second after it started, or, while
     // it is sent, once the real backend has started (rendering and proof
     // come first), within ten seconds.
-    const QString script = QStringLiteral(
-        "\"$0\" \"$@\" & pid=$!; sleep 1; i=0; "
-        "while [ -n \"$FAKE_WAIT\" ] && [ $i -lt 200 ] && [ ! -e \"$FAKE_OUT/started\" ]; do sleep 0.05; i=$((i+1)); done; "
-        "kill -TERM $pid; wait $pid; echo status=$?");
+    const QString script = QStringLiteral("\"$0\" \"$@\" & pid=$!; sleep 1; i=0; "
+                                          "while [ -n \"$FAKE_WAIT\" ] && [ $i -lt 200 ] && [ ! -e "
+                                          "\"$FAKE_OUT/started\" ]; do sleep 0.05; i=$((i+1)); done; "
+                                          "kill -TERM $pid; wait $pid; echo status=$?");
     QStringList command = {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script,
                            QStringLiteral(QUILLET_BACKEND)};
     command += jobArguments(rig.path("job.ps"), QStringLiteral("1"));
@@ -515,7 +646,11 @@ void TestBackendRun::cancelledJobLeavesNothing()
     // over 47 seconds.
     QVERIFY2(timer.elapsed() < 20000, qPrintable(QString::number(timer.elapsed())));
     QVERIFY2(run.standardOutput.contains("status=5\n"), run.standardOutput + run.standardError);
-    QVERIFY2(run.standardError.contains("outcome=cancelled\n"), run.standardError.constData());
+    QVERIFY2(run.standardError.contains("outcome=cancelled-before-sending\n"), run.standardError.constData());
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().outcome, QLatin1String(AuditCancelledBeforeSending));
+    QCOMPARE(records.first().sheetsSent, qint64(0));
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
     // Cancelled while sending: the real backend had started.
     QCOMPARE(QFileInfo::exists(rig.path("out/started")), !deviceWait.isEmpty());

@@ -2,6 +2,8 @@
 // backend, a stand-in network printer per queue, jobs printed with lp by an
 // unprivileged user, and what reached the printers read back with Ghostscript
 // and Poppler.
+#include "common/auditrecord.h"
+#include "pagecode/pagecodekey.h"
 #include "printserver.h"
 #include "standinprinter.h"
 #include "support/pagecodetools.h"
@@ -10,6 +12,8 @@
 
 #include <QMap>
 #include <QRegularExpression>
+#include <QElapsedTimer>
+#include <QThread>
 #include <QtTest>
 
 #include <memory>
@@ -32,11 +36,11 @@ const char QueueVariables[] = "LABEL_NAME=Kestrel Restricted\n"
 
 // The queue with the accounting stamp: its strings for a few copies and for
 // many, and the key that turns it on.
-const char StampLines[] =
-    "fonarik:bold:12::label:top-center:{LABEL_NAME}\n"
-    "fonarik:normal:9::stamp:top-left:Accounting {copies} copies, copy {CURRENT_COPY}, User {job-originating-user-name}\n"
-    "fonarik:normal:9::pages:bottom-right:Page count {NUM_PAGES}\n"
-    "fonarik_gt_5:normal:9::stamp:top-left:Many copies\n";
+const char StampLines[] = "fonarik:bold:12::label:top-center:{LABEL_NAME}\n"
+                          "fonarik:normal:9::stamp:top-left:Accounting {copies} copies, copy {CURRENT_COPY}, "
+                          "User {job-originating-user-name}\n"
+                          "fonarik:normal:9::pages:bottom-right:Page count {NUM_PAGES}\n"
+                          "fonarik_gt_5:normal:9::stamp:top-left:Many copies\n";
 const char StampSetting[] = "MarkerAccountingStamp=1\n";
 
 // The queue with page codes adds the code and a probe: a site program that
@@ -120,6 +124,7 @@ class TestPrintQueue : public QObject
     void accountingStampEndsEveryCopy();
     void pageCodesTraceEveryPageAndCopy();
     void markingRunNeverHoldsTheSiteKey();
+    void cancelledAfterSendingIsAuditedSo();
 
   private:
     StandInPrinter& printer(const QString& queue);
@@ -136,6 +141,8 @@ class TestPrintQueue : public QObject
     QList<Capture> m_captures;
     // The site's page-code key, and the days the jobs were marked within.
     QString m_siteKey;
+    // The 3-page PostScript job.
+    QString m_postscript;
     QDate m_firstDay;
     QDate m_lastDay;
 };
@@ -157,9 +164,9 @@ void TestPrintQueue::addQueue(const QString& queue, const QString& uri)
     // The generic printer's duplexer is an installable option, off until
     // the administrator says it is there.
     const RunResult added = m_server.admin(
-        QStringLiteral("lpadmin"), {QStringLiteral("-p"), queue, QStringLiteral("-E"), QStringLiteral("-v"), uri,
-                                    QStringLiteral("-m"), QLatin1String(GenericPpd), QStringLiteral("-o"),
-                                    QStringLiteral("Option1=True")});
+        QStringLiteral("lpadmin"),
+        {QStringLiteral("-p"), queue, QStringLiteral("-E"), QStringLiteral("-v"), uri, QStringLiteral("-m"),
+         QLatin1String(GenericPpd), QStringLiteral("-o"), QStringLiteral("Option1=True")});
     QVERIFY2(added.exitCode == 0, added.standardError.constData());
 }
 
@@ -220,8 +227,8 @@ void TestPrintQueue::initTestCase()
     // The probe's folder is one the job's sandbox shows, as a site's
     // program folder would be.
     m_server.writeConfig(QStringLiteral("quillet/coded.vars"),
-                         QByteArray(QueueVariables) + "MarkerSandboxFolders=" +
-                             QFile::encodeName(QFileInfo(probe).path()) + '\n');
+                         QByteArray(QueueVariables) +
+                             "MarkerSandboxFolders=" + QFile::encodeName(QFileInfo(probe).path()) + '\n');
     addQueue(QStringLiteral("coded"),
              QStringLiteral("quillet:") + printer(QStringLiteral("coded")).socketUri());
     addQueue(QStringLiteral("marked"),
@@ -242,6 +249,7 @@ void TestPrintQueue::initTestCase()
     QString toolError;
     const QString text3 = m_server.writeJobFile(QStringLiteral("three.txt"), pagedText(3, "Enscript"));
     const QString postscript = m_server.writeJobFile(QStringLiteral("three.ps"), QByteArray());
+    m_postscript = postscript;
     QVERIFY2(runTool(m_work.path(), QStringLiteral("enscript"),
                      {QStringLiteral("-q"), QStringLiteral("-p"), postscript, text3}, &toolError),
              qPrintable(toolError));
@@ -379,7 +387,10 @@ void TestPrintQueue::everyCopyIsMarked()
         const QString text = capture->pageTexts.at(sheet).simplified();
         const int copy = sheet / printed.pages + 1;
         const int page = sheet % printed.pages + 1;
-        QVERIFY2(text.contains(QStringLiteral("User %1").arg(QLatin1String(PrintingUser))), qPrintable(text));
+        // The private server lets anyone print: the name is the client's
+        // claim, and the marks say so.
+        QVERIFY2(text.contains(QStringLiteral("User %1 (unverified)").arg(QLatin1String(PrintingUser))),
+                 qPrintable(text));
         QVERIFY2(text.contains(QLatin1String(Label)), qPrintable(text));
         QVERIFY2(text.contains(QStringLiteral("Copy %1 of %2").arg(copy).arg(printed.copies)),
                  qPrintable(text));
@@ -510,8 +521,8 @@ void TestPrintQueue::nextJobPrintsAfterRefusal()
 void TestPrintQueue::pageLogCountsPagesTimesCopies_data()
 {
     QTest::addColumn<QString>("job");
-    for (const char* job : {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "coded", "stamped",
-                            "raw binary", "no template", "missing site key"})
+    for (const char* job : {"postscript", "pdf", "text", "forged", "after raw binary", "duplex", "coded",
+                            "stamped", "raw binary", "no template", "missing site key"})
         QTest::newRow(job) << QString::fromLatin1(job);
 }
 
@@ -579,6 +590,23 @@ void TestPrintQueue::auditLineForEveryJob()
             .arg(printed.copies)
             .arg(printed.impressions());
     QVERIFY2(line.contains(fields + outcome), qPrintable(line));
+
+    // The same in the audit log of its own, as one JSON record.
+    QString error;
+    const QList<AuditRecord> records = auditRecordsOfJob(m_server.auditLogFile(), printed.id, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QCOMPARE(records.size(), 1);
+    const AuditRecord& record = records.first();
+    QCOMPARE(record.user, QLatin1String(PrintingUser));
+    QVERIFY(!record.userAuthenticated);
+    QCOMPARE(record.queue, printed.queue);
+    QCOMPARE(record.copies, printed.copies);
+    QCOMPARE(record.pages, qint64(printed.pages));
+    QCOMPARE(record.sheetsSent, qint64(printed.impressions()));
+    QCOMPARE(record.outcome, outcome.startsWith(QLatin1String("outcome=marked-and-sent"))
+                                 ? QLatin1String(AuditSent)
+                                 : QLatin1String(AuditRefused));
+    QCOMPARE(record.label, QLatin1String(Label));
 }
 
 void TestPrintQueue::noCapturedPageIsUnmarked()
@@ -631,7 +659,8 @@ void TestPrintQueue::accountingStampEndsEveryCopy()
             QVERIFY2(text.contains(QStringLiteral("Page count %1").arg(printed.pages)), qPrintable(text));
             QVERIFY2(!text.contains(QStringLiteral("Many copies")), qPrintable(text));
         } else {
-            QVERIFY2(text.contains(QStringLiteral("Page %1 of %2").arg(page).arg(printed.pages)), qPrintable(text));
+            QVERIFY2(text.contains(QStringLiteral("Page %1 of %2").arg(page).arg(printed.pages)),
+                     qPrintable(text));
             QVERIFY2(!text.contains(QStringLiteral("Accounting ")), qPrintable(text));
         }
     }
@@ -658,7 +687,7 @@ void TestPrintQueue::pageCodesTraceEveryPageAndCopy()
 
     const RunResult check = runProgram(
         QStringLiteral(QUILLET_VERIFY_EXECUTABLE),
-        QStringList{QStringLiteral("--key"), m_siteKey, QStringLiteral("--log"), m_server.errorLogFile()} +
+        QStringList{QStringLiteral("--key"), m_siteKey, QStringLiteral("--log"), m_server.auditLogFile()} +
             codes);
     QVERIFY2(check.exitCode == 0, check.standardOutput + check.standardError);
     const QList<Verdict> answers = verdicts(check.standardOutput);
@@ -671,22 +700,72 @@ void TestPrintQueue::pageCodesTraceEveryPageAndCopy()
         QCOMPARE(answer.copy, sheet / printed.pages + 1);
         QVERIFY(answer.date >= m_firstDay && answer.date <= m_lastDay);
     }
-    // The backend's own audit line, as the print server logged it, under
-    // every code.
+    // The job's audit record, under every code, with the identity of the
+    // key that made the codes.
     const QStringList audits = verifyAuditLines(check.standardOutput);
     QCOMPARE(audits.size(), codes.size());
-    const QString audit =
-        QStringLiteral("] [Job %1] quillet audit: job=%1 user=\"%2\" queue=coded label=\"%3\" "
-                       "pages=%4 copies=%5 sent=%6 outcome=marked-and-sent")
-            .arg(printed.id)
-            .arg(QLatin1String(PrintingUser), QLatin1String(Label))
-            .arg(printed.pages)
-            .arg(printed.copies)
-            .arg(printed.impressions());
+    PageCodeKey site;
+    QString error;
+    QVERIFY2(PageCodeKey::load(m_siteKey, &site, &error), qPrintable(error));
     for (const QString& line : audits) {
-        QVERIFY2(line.startsWith(QStringLiteral("N [")), qPrintable(line));
-        QVERIFY2(line.endsWith(audit), qPrintable(line));
+        AuditRecord record;
+        QVERIFY2(readAuditJsonLine(line.toUtf8(), &record), qPrintable(line));
+        QCOMPARE(record.job, qint64(printed.id));
+        QCOMPARE(record.user, QLatin1String(PrintingUser));
+        QCOMPARE(record.queue, QStringLiteral("coded"));
+        QCOMPARE(record.label, QLatin1String(Label));
+        QCOMPARE(record.pages, qint64(printed.pages));
+        QCOMPARE(record.copies, printed.copies);
+        QCOMPARE(record.sheetsSent, qint64(printed.impressions()));
+        QCOMPARE(record.outcome, QLatin1String(AuditSent));
+        QCOMPARE(record.pageCodeKey, site.identity());
     }
+}
+
+// A job cancelled once the printer has all of its data (the printer holds
+// the connection open while it prints) may well be printed: the audit says
+// it was cancelled after sending, with every sheet sent.
+void TestPrintQueue::cancelledAfterSendingIsAuditedSo()
+{
+    StandInPrinter printer(m_work.filePath(QStringLiteral("holding")), PrinterLifetimeMs);
+    printer.holdConnectionsOpen();
+    QString error;
+    QVERIFY2(printer.start(&error), qPrintable(error));
+    // The site's key as it should be (the suite's set-up ended without it).
+    m_server.writeSiteDefinitions("MarkerPageCodeKey=" + QFile::encodeName(m_siteKey) + "\n");
+    m_server.writeConfig(QStringLiteral("quillet/holding.tmpl"), QueueTemplate);
+    m_server.writeConfig(QStringLiteral("quillet/holding.vars"), QueueVariables);
+    addQueue(QStringLiteral("holding"), QStringLiteral("quillet:") + printer.socketUri());
+    const int id =
+        submit(QStringLiteral("cancelled after sending"), QStringLiteral("holding"), m_postscript, 3, 2);
+    QVERIFY(id > 0);
+    QElapsedTimer clock;
+    clock.start();
+    while (printer.jobs().isEmpty() && m_server.jobState(id) < JobCanceled && clock.elapsed() < JobsTimeoutMs)
+        QThread::msleep(100);
+    QVERIFY2(
+        printer.jobs().size() == 1,
+        qPrintable(
+            m_server.jobLogLines(id).filter(QStringLiteral("quillet")).join(QLatin1Char('\n')).left(900)));
+    QCOMPARE(m_server.jobState(id) < JobCanceled, true);
+    const RunResult cancelled = m_server.admin(QStringLiteral("cancel"), {QString::number(id)});
+    QVERIFY2(cancelled.exitCode == 0, cancelled.standardError.constData());
+    QVERIFY(m_server.waitForJobs({id}, JobsTimeoutMs));
+    printer.stop();
+
+    // The print server marks the job cancelled at once; the backend writes
+    // its record once it has ended the real backend.
+    QList<AuditRecord> records;
+    clock.restart();
+    while (records.isEmpty() && clock.elapsed() < 30000) {
+        QThread::msleep(100);
+        records = auditRecordsOfJob(m_server.auditLogFile(), id, &error);
+    }
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().outcome, QLatin1String(AuditCancelledAfterSending));
+    QCOMPARE(records.first().sheetsSent, qint64(6));
+    QVERIFY2(records.first().reason.contains(QStringLiteral("bytes handed to the backend socket")),
+             qPrintable(records.first().reason));
 }
 
 // The marking account got a key of its job alone: the probe on every page

@@ -45,6 +45,7 @@ enum class Breakage {
     BackPagesWithoutDuplex,
     PrinterSilent,
     PrinterTakesNothing,
+    AuditLogUnwritable,
 };
 
 QStringList outputLines(const RunResult& run)
@@ -288,6 +289,8 @@ void TestQueueAdmin::brokenSetupGivesItsProblem_data()
     QTest::newRow("back pages without a duplexer")
         << int(Breakage::BackPagesWithoutDuplex)
         << "the queue prints back pages, which needs two-sided printing";
+    QTest::newRow("audit log that cannot be written")
+        << int(Breakage::AuditLogUnwritable) << "cannot be written, so every job is refused";
     QTest::newRow("printer that does not answer")
         << int(Breakage::PrinterSilent) << "the printer does not answer";
     QTest::newRow("printer that takes no format quillet sends")
@@ -385,6 +388,11 @@ void TestQueueAdmin::brokenSetupGivesItsProblem()
         QVERIFY2(changed.exitCode == 0, changed.standardError.constData());
         break;
     }
+    case Breakage::AuditLogUnwritable:
+        // A "folder" that is a file.
+        m_server.writeSiteDefinitions(keyLine.arg(m_siteKey).toUtf8() +
+                                      "\nMarkerAuditLog=" + QFile::encodeName(m_siteKey) + "/audit.log\n");
+        break;
     case Breakage::PrinterSilent:
     case Breakage::PrinterTakesNothing:
         break; // the queue is pointed at a simulated printer below, which lives until the check

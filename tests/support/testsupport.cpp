@@ -19,7 +19,7 @@
 
 FixtureTree::FixtureTree()
 {
-    for (const char* folder : {"etc-cups", "share-cups", "translations", "job"})
+    for (const char* folder : {"etc-cups", "share-cups", "translations", "job", "audit-log"})
         QDir(m_dir.path()).mkpath(QLatin1String(folder));
 }
 
@@ -70,9 +70,11 @@ RunResult FixtureTree::runInSandbox(const QString& program, const QStringList& a
                                     const QStringList& environment, int timeoutMs) const
 {
     QStringList sandboxArguments = QStringList()
-        << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
-        << QStringLiteral("--bind") << shareCups() << QLatin1String(CupsDataDir)
-        << QStringLiteral("--bind") << translations() << QLatin1String(TranslationsDir);
+                                   << QStringLiteral("--bind") << etcCups() << QLatin1String(CupsServerRoot)
+                                   << QStringLiteral("--bind") << shareCups() << QLatin1String(CupsDataDir)
+                                   << QStringLiteral("--bind") << translations()
+                                   << QLatin1String(TranslationsDir) << QStringLiteral("--bind")
+                                   << auditLogFolder() << QFileInfo(QLatin1String(QuilletAuditLog)).path();
     for (int i = 0; i + 1 < m_binds.size(); i += 2)
         sandboxArguments << QStringLiteral("--bind") << m_binds.at(i) << m_binds.at(i + 1);
     sandboxArguments << QStringLiteral("--") << program << arguments;
@@ -171,12 +173,14 @@ QString quilletExecutable()
 
 bool installQuilletCopy(const QString& folder)
 {
-    const QString target = folder + QLatin1Char('/') + QFileInfo(QLatin1String(QuilletExecutablePath)).fileName();
+    const QString target =
+        folder + QLatin1Char('/') + QFileInfo(QLatin1String(QuilletExecutablePath)).fileName();
     QFile::remove(target);
     return QFile::copy(quilletExecutable(), target) &&
-           QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
-                                             QFileDevice::ReadGroup | QFileDevice::ExeGroup |
-                                             QFileDevice::ReadOther | QFileDevice::ExeOther);
+           QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                             QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                                             QFileDevice::ExeGroup | QFileDevice::ReadOther |
+                                             QFileDevice::ExeOther);
 }
 
 QString testsSourceDir()
@@ -196,11 +200,12 @@ QString tinyCatalogueDir()
 
 QByteArray minimalDocument(int pages)
 {
-    QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages)
-        + "\n%%EndComments\n%%BeginProlog\n%%EndProlog\n";
+    QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages) +
+                          "\n%%EndComments\n%%BeginProlog\n%%EndProlog\n";
     for (int page = 1; page <= pages; ++page) {
         const QByteArray number = QByteArray::number(page);
-        document += "%%Page: " + number + ' ' + number + "\nnewpath 72 72 moveto 144 144 lineto stroke\n"
+        document += "%%Page: " + number + ' ' + number +
+                    "\nnewpath 72 72 moveto 144 144 lineto stroke\n"
                     "showpage\n%%PageTrailer\n";
     }
     return document + "%%Trailer\n%%EOF\n";
@@ -212,7 +217,8 @@ QMap<QString, QString> parseKeyValues(const QByteArray& bytes)
     for (const QByteArray& line : bytes.split('\n')) {
         const int equals = line.indexOf('=');
         if (equals >= 0)
-            pairs.insert(QString::fromLocal8Bit(line.left(equals)), QString::fromLocal8Bit(line.mid(equals + 1)));
+            pairs.insert(QString::fromLocal8Bit(line.left(equals)),
+                         QString::fromLocal8Bit(line.mid(equals + 1)));
     }
     return pairs;
 }
@@ -257,8 +263,9 @@ bool runTool(const QString& workingDirectory, const QString& program, const QStr
              QString* error, const QString& stdoutFile)
 {
     const RunResult result = runProgram(program, arguments, {}, workingDirectory);
-    if (result.exitCode != 0 || result.crashed
-        || (!stdoutFile.isEmpty() && (result.standardOutput.isEmpty() || !writeFile(stdoutFile, result.standardOutput)))) {
+    if (result.exitCode != 0 || result.crashed ||
+        (!stdoutFile.isEmpty() &&
+         (result.standardOutput.isEmpty() || !writeFile(stdoutFile, result.standardOutput)))) {
         *error = QStringLiteral("%1 %2 failed (exit status %3): %4")
                      .arg(program, arguments.join(QLatin1Char(' ')))
                      .arg(result.exitCode)
@@ -287,7 +294,9 @@ void setVariables(const QStringList& pairs)
 QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray& size)
 {
     return "/font-underline-pos {\n"
-           "  /" + font + " findfont " + size + " scalefont\n"
+           "  /" +
+           font + " findfont " + size +
+           " scalefont\n"
            "  dup /FontInfo get\n"
            "  dup /UnderlinePosition known { /UnderlinePosition get } { pop 2 px } ifelse\n"
            "  0 exch\n"
@@ -295,7 +304,9 @@ QByteArray expectedUnderlineProcedures(const QByteArray& font, const QByteArray&
            "  exch pop\n"
            "} def\n"
            "/font-underline-thickness {\n"
-           "  /" + font + " findfont " + size + " scalefont\n"
+           "  /" +
+           font + " findfont " + size +
+           " scalefont\n"
            "  dup /FontInfo get\n"
            "  dup /UnderlineThickness known { /UnderlineThickness get } { pop 1 px } ifelse\n"
            "  0 exch\n"

@@ -9,8 +9,7 @@
 #include <QTemporaryDir>
 
 // What a finished process left behind.
-struct RunResult
-{
+struct RunResult {
     int exitCode = -1;
     bool crashed = false;
     QByteArray standardOutput;
@@ -25,7 +24,7 @@ struct RunResult
 // Each starts empty; the test writes what the case needs.
 class FixtureTree
 {
-public:
+  public:
     FixtureTree();
 
     QString root() const { return m_dir.path(); }
@@ -33,6 +32,8 @@ public:
     QString shareCups() const { return path(QStringLiteral("share-cups")); }
     QString translations() const { return path(QStringLiteral("translations")); }
     QString job() const { return path(QStringLiteral("job")); }
+    // The folder that stands for the audit log's folder in the sandbox.
+    QString auditLogFolder() const { return path(QStringLiteral("audit-log")); }
 
     // Absolute path of a file or folder below the root.
     QString path(const QString& relative) const;
@@ -66,7 +67,7 @@ public:
     // example a stand-in for the print server's log folder) in later runs.
     void bind(const QString& relative, const QString& target);
 
-private:
+  private:
     QTemporaryDir m_dir;
     QStringList m_binds; // pairs of source and target
 };

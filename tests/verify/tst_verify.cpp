@@ -1,6 +1,7 @@
 // quillet-verify and the page codes of real jobs, through the real
 // executables: codes read back from printed output, key problems that refuse
 // a job, making keys, the command line and the print server's audit lines.
+#include "common/auditrecord.h"
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "support/pagecodetools.h"
@@ -500,86 +501,99 @@ void TestVerify::keyOfOneJobChecksThatJobOnly()
     QVERIFY(!answers.at(1).authentic);
 }
 
-// The print server's log, bound onto its real place, holds the job's audit
-// line; quillet-verify prints it under the code's verdict.
+// The audit log, bound onto its installed place, holds the job's record;
+// quillet-verify prints it under the code's verdict.
 void TestVerify::auditLinesOfTheJobArePrinted()
 {
     const PageCodeKey site = PageCodeKey::generate();
     FixtureTree tree;
     tree.write(QStringLiteral("job/site.key"), site.toText());
-    tree.bind(QStringLiteral("log"), QFileInfo(QLatin1String(CupsErrorLog)).path());
-    tree.copy(testsSourceDir() + QStringLiteral("/verify/data/error_log"),
-              QStringLiteral("log/") + QFileInfo(QLatin1String(CupsErrorLog)).fileName());
+    const QString logName = QFileInfo(QLatin1String(QuilletAuditLog)).fileName();
+    tree.copy(testsSourceDir() + QStringLiteral("/verify/data/audit.log"),
+              QStringLiteral("audit-log/") + logName);
 
     PageCodeKey jobKey;
     QVERIFY(site.forJob(JobId, &jobKey));
     const QString code =
         PageCode::make(jobKey.secret(), PageCodeFields::wrap(JobId, 3, 2, QDate(2026, 11, 23)));
+    const QByteArray verdict =
+        code.toLatin1() + ": authentic: job 4711, page 3, copy 2, marked on 2026-11-23\n";
+    const QStringList records =
+        auditLines(testsSourceDir() + QStringLiteral("/verify/data/audit.log"), JobId);
+    QCOMPARE(records.size(), 1);
+    const QByteArray expected = verdict + "  " + records.first().toUtf8() + '\n';
     const RunResult run =
         tree.runInSandbox(verifyExecutable(), {QStringLiteral("--key"), QStringLiteral("site.key"), code});
     QVERIFY2(run.exitCode == 0 && !run.crashed, qPrintable(describe(run)));
-    const QByteArray expected =
-        code.toLatin1() +
-        ": authentic: job 4711, page 3, copy 2, marked on 2026-11-23\n"
-        "  N [23/Nov/2026:09:14:03 +0000] [Job 4711] quillet audit: job=4711 user=\"ivanov\" queue=secure-a4 "
-        "label=\"CONFIDENTIAL\" pages=3 copies=3 sent=9 outcome=marked-and-sent\n";
     QCOMPARE(run.standardOutput, expected);
 
     // Another log, a copy or a rotated one, named with --log.
-    tree.copy(testsSourceDir() + QStringLiteral("/verify/data/error_log"), QStringLiteral("job/error_log.O"));
+    tree.copy(testsSourceDir() + QStringLiteral("/verify/data/audit.log"), QStringLiteral("job/audit.log.1"));
     const RunResult named =
         tree.runInSandbox(verifyExecutable(), {QStringLiteral("--key"), QStringLiteral("site.key"),
-                                               QStringLiteral("--log"), QStringLiteral("error_log.O"), code});
+                                               QStringLiteral("--log"), QStringLiteral("audit.log.1"), code});
     QVERIFY2(named.exitCode == 0 && !named.crashed, qPrintable(describe(named)));
     QCOMPARE(named.standardOutput, expected);
 
+    // The marker definitions may name the log.
+    QVERIFY(QFile::rename(tree.path(QStringLiteral("audit-log/") + logName),
+                          tree.path(QStringLiteral("audit-log/site-audit.log"))));
+    tree.installCatalogue();
+    tree.write(QStringLiteral("etc-cups/marker.defs"),
+               tree.read(QStringLiteral("share-cups/quillet/marker.defs")) + "\nMarkerAuditLog=" +
+                   QFile::encodeName(QFileInfo(QLatin1String(QuilletAuditLog)).path()) + "/site-audit.log\n");
+    const RunResult defined =
+        tree.runInSandbox(verifyExecutable(), {QStringLiteral("--key"), QStringLiteral("site.key"), code});
+    QVERIFY2(defined.exitCode == 0 && !defined.crashed, qPrintable(describe(defined)));
+    QCOMPARE(defined.standardOutput, expected);
+
     // Without a log the verdict stands alone.
-    QVERIFY(
-        QFile::remove(tree.path(QStringLiteral("log/") + QFileInfo(QLatin1String(CupsErrorLog)).fileName())));
+    QVERIFY(QFile::remove(tree.path(QStringLiteral("audit-log/site-audit.log"))));
     const RunResult noLog =
         tree.runInSandbox(verifyExecutable(), {QStringLiteral("--key"), QStringLiteral("site.key"), code});
     QCOMPARE(noLog.exitCode, 0);
-    QCOMPARE(noLog.standardOutput,
-             code.toLatin1() + ": authentic: job 4711, page 3, copy 2, marked on 2026-11-23\n");
+    QCOMPARE(noLog.standardOutput, verdict);
 }
 
 void TestVerify::auditLinesAreChosenByJobAndLevel_data()
 {
     QTest::addColumn<qint64>("job");
     QTest::addColumn<int>("count");
-    QTest::addColumn<QString>("first");
+    QTest::addColumn<QString>("user");
+    QTest::addColumn<QString>("outcome");
 
-    // The fixture's lines are shaped as the print server logs the backend's
-    // lines (tests/backend runs a real one).
-    QTest::newRow("the backend's audit line of the job, quotes unescaped")
-        << 4711LL << 1
-        << "N [23/Nov/2026:09:14:03 +0000] [Job 4711] quillet audit: job=4711 user=\"ivanov\" "
-           "queue=secure-a4 "
-           "label=\"CONFIDENTIAL\" pages=3 copies=3 sent=9 outcome=marked-and-sent";
-    QTest::newRow("another day's job")
-        << 47LL << 1
-        << "N [22/Nov/2026:18:00:00 +0000] [Job 47] quillet audit: job=47 user=\"petrov\" queue=plain "
-           "label=\"PUBLIC\" pages=1 copies=1 sent=1 outcome=marked-and-sent";
-    QTest::newRow("a refusal, apostrophes unescaped")
-        << 4712LL << 1
-        << "N [23/Nov/2026:09:15:00 +0000] [Job 4712] quillet audit: job=4712 user=\"ivanov\" queue=wrapped "
-           "label=\"\" pages=0 copies=1 sent=0 outcome=refused reason=\"the device URI "
-           "'quillet:quillet:socket://127.0.0.1:9100' wraps 'quillet:' in itself\"";
-    QTest::newRow("other notice lines and a debug line holding the mark are not audit lines")
-        << 12LL << 0 << QString();
-    QTest::newRow("a job id that is the start of another") << 471LL << 0 << QString();
-    QTest::newRow("a job the log never saw") << 5LL << 0 << QString();
+    // The fixture holds records as the backend writes them, and lines that
+    // try to pass for a record of job 4711: an old print-server-log line, a
+    // user name holding a whole record, an object lacking fields, a job id
+    // given as text.
+    QTest::newRow("the job's one record, whatever other lines claim it") << 4711LL << 1 << "ivanov"
+                                                                         << "sent";
+    QTest::newRow("another day's job") << 47LL << 1 << "petrov"
+                                       << "sent";
+    QTest::newRow("a refusal whose reason holds quotes") << 4712LL << 1 << "ivanov"
+                                                         << "refused";
+    QTest::newRow("a user name holding a record stays a name")
+        << 12LL << 1 << QStringLiteral("mallory\"}\n{") << "refused";
+    QTest::newRow("a job id that is the start of another") << 471LL << 0 << QString() << QString();
+    QTest::newRow("a job the log never saw") << 5LL << 0 << QString() << QString();
 }
 
 void TestVerify::auditLinesAreChosenByJobAndLevel()
 {
     QFETCH(qint64, job);
     QFETCH(int, count);
-    QFETCH(QString, first);
+    QFETCH(QString, user);
+    QFETCH(QString, outcome);
 
-    const QStringList lines = auditLines(testsSourceDir() + QStringLiteral("/verify/data/error_log"), job);
+    const QStringList lines = auditLines(testsSourceDir() + QStringLiteral("/verify/data/audit.log"), job);
     QCOMPARE(lines.size(), count);
-    QCOMPARE(lines.value(0), first);
+    if (count > 0) {
+        AuditRecord record;
+        QVERIFY(readAuditJsonLine(lines.first().toUtf8(), &record));
+        QCOMPARE(record.job, job);
+        QVERIFY2(record.user.startsWith(user), qPrintable(record.user));
+        QCOMPARE(record.outcome, outcome);
+    }
     QCOMPARE(auditLines(testsSourceDir() + QStringLiteral("/verify/data/no-such-log"), job), QStringList());
 }
 

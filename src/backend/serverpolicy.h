@@ -26,6 +26,10 @@ struct SubmissionRule {
 // Reads cupsd.conf for the rule of `policy` (empty: the server's default).
 SubmissionRule submissionRule(const QByteArray& cupsdConf, const QString& policy);
 
+// The operation policy of a queue in printers.conf (its OpPolicy line);
+// empty when it names none, which means the server's DefaultPolicy.
+QString queueOpPolicy(const QByteArray& printersConf, const QString& queue);
+
 // Whether cupsd.conf holds a <Policy> block of that name.
 bool hasPolicy(const QByteArray& cupsdConf, const QString& policy);
 

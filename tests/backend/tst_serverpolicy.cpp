@@ -1,6 +1,6 @@
 // Who may submit jobs under a policy of cupsd.conf, and the policy that
 // quillet-queue adds for marked queues.
-#include "queueadmin/serverpolicy.h"
+#include "backend/serverpolicy.h"
 
 #include <QtTest>
 

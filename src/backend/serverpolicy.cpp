@@ -1,5 +1,5 @@
 // Reading and extending the operation policies of cupsd.conf.
-#include "queueadmin/serverpolicy.h"
+#include "backend/serverpolicy.h"
 
 #include <QList>
 #include <QStringList>
@@ -186,4 +186,24 @@ QByteArray withMarkedQueuePolicy(const QByteArray& cupsdConf)
               "  </Limit>\n"
               "</Policy>\n";
     return policy;
+}
+
+QString queueOpPolicy(const QByteArray& printersConf, const QString& queue)
+{
+    bool inQueue = false;
+    for (const QByteArray& rawLine : printersConf.split('\n')) {
+        const QStringList words = QString::fromUtf8(rawLine).simplified().split(QLatin1Char(' '));
+        const QString first = words.value(0);
+        if (first.startsWith(QLatin1Char('<'))) {
+            // "<Printer name>" or "<DefaultPrinter name>" opens a queue's block.
+            const QString name = words.value(1).chopped(words.value(1).endsWith(QLatin1Char('>')) ? 1 : 0);
+            inQueue = (first.compare(QLatin1String("<Printer"), Qt::CaseInsensitive) == 0 ||
+                       first.compare(QLatin1String("<DefaultPrinter"), Qt::CaseInsensitive) == 0) &&
+                      name == queue;
+        } else if (inQueue && words.size() == 2 &&
+                   first.compare(QLatin1String("OpPolicy"), Qt::CaseInsensitive) == 0) {
+            return words.at(1);
+        }
+    }
+    return QString();
 }
