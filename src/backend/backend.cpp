@@ -880,18 +880,22 @@ bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QL
     command.limits.fileBytes = rlim_t(m_settings.outputMB) << 20;
 
     const ChildResult result = runChild(command);
-    QString firstError;
+    QStringList lines;
     QFile errorFile(messages);
     if (errorFile.open(QIODevice::ReadOnly)) {
         for (const QByteArray& line : errorFile.read(1 << 20).split('\n')) {
             const QString text = logText(QString::fromUtf8(line));
             if (text.isEmpty())
                 continue;
-            if (firstError.isEmpty())
-                firstError = text;
+            lines << text;
             message(QStringLiteral("DEBUG: quillet: %1").arg(text));
         }
     }
+    // Why it stopped: quillet's message that ends its run is its last line
+    // (warnings come before it); Ghostscript names its error on the first
+    // line and dumps its stacks after it.
+    const bool quillet = program.value(0) == QByteArray(QuilletExecutablePath);
+    const QString why = lines.isEmpty() ? QString() : quillet ? lines.last() : lines.first();
     if (result.cancelled)
         return false;
     if (!result.started) {
@@ -900,11 +904,10 @@ bool JobRun::runSandboxed(const QString& name, const SandboxSpec& spec, const QL
         return false;
     }
     if (result.exitStatus != 0) {
-        *error = result.signal ? QStringLiteral("%1 was ended by signal %2").arg(name).arg(result.signal)
-                               : QStringLiteral("%1 failed with status %2: %3")
-                                     .arg(name)
-                                     .arg(result.exitStatus)
-                                     .arg(firstError);
+        *error =
+            result.signal
+                ? QStringLiteral("%1 was ended by signal %2").arg(name).arg(result.signal)
+                : QStringLiteral("%1 failed with status %2: %3").arg(name).arg(result.exitStatus).arg(why);
         return false;
     }
     return true;

@@ -422,6 +422,13 @@ void TestBackendRun::quilletFailureRefusesJob()
                                    "status 1: "),
         run.standardError.constData());
     QVERIFY(run.standardError.contains("outcome=refused reason="));
+    // The reason is quillet's own message that stopped it, not a warning
+    // it printed on the way.
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    QVERIFY2(records.first().reason.contains(QStringLiteral("No pages")), qPrintable(records.first().reason));
+    QVERIFY2(!records.first().reason.contains(QStringLiteral("Fonts::initialize")),
+             qPrintable(records.first().reason));
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
     QCOMPARE(rig.leftovers(), QStringList());
 }
