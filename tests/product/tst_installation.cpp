@@ -110,6 +110,7 @@ void TestInstallation::installedTreeHoldsEveryFile_data()
         << installedPath(QLatin1String(CupsServerBin)) + QStringLiteral("/backend/quillet");
     QTest::newRow("Russian messages")
         << installedPath(QLatin1String(TranslationsDir)) + QStringLiteral("/quillet_ru.qm");
+    QTest::newRow("audit log rotation") << installedPath(QStringLiteral(QUILLET_LOGROTATE_DIR "/quillet"));
 }
 
 void TestInstallation::installedTreeHoldsEveryFile()
