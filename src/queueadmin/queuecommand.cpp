@@ -383,6 +383,31 @@ QByteArray withKey(const QByteArray& text, const QString& key, const QString& va
     return joined;
 }
 
+// The page types of the template whose pages would not show `text`. A page
+// shows the strings of one type only: page 1 its "first" strings, the last
+// page of a longer document its "last" strings, and only when there are none
+// the "any" strings. So a string that every page must show needs a line of
+// each type that the template has; a type it lacks gets none, so that no page
+// shows that string alone.
+QList<QByteArray> pageTypesWithout(const QByteArray& templateText, const QByteArray& text)
+{
+    QList<QByteArray> missing;
+    const QList<QByteArray> lines = templateText.split('\n');
+    for (const QByteArray& type : {QByteArray("first"), QByteArray("last"), QByteArray("any")}) {
+        bool used = false;
+        bool shown = false;
+        for (const QByteArray& line : lines) {
+            if (line.simplified().startsWith(type + ':')) {
+                used = true;
+                shown = shown || line.contains(text);
+            }
+        }
+        if (used && !shown)
+            missing << type;
+    }
+    return missing;
+}
+
 // Options of "create".
 struct CreateRequest {
     QString queue;
@@ -394,7 +419,8 @@ struct CreateRequest {
 };
 
 // The queue's template: the one given, else the one it has, else the
-// shipped example; with page codes, a line that prints them.
+// shipped one; with page codes, a line that prints them for each page type
+// whose pages would show none.
 bool writeTemplate(ConfigWriter& writer, const CreateRequest& request, const QString& folder,
                    QByteArray* text)
 {
@@ -408,14 +434,12 @@ bool writeTemplate(ConfigWriter& writer, const CreateRequest& request, const QSt
         printError(queueText(QT_TRANSLATE_NOOP("queue", "Can not read the template %1")).arg(source));
         return false;
     }
-    if (request.pageCodes && !text->contains(PageCodeString)) {
-        if (!text->isEmpty() && !text->endsWith('\n'))
-            *text += '\n';
-        // Page 1 takes the "first" lines when the template has any.
-        if (text->startsWith("first:") || text->contains("\nfirst:"))
-            *text += QByteArray("first:normal:7::code:bottom-left:") + PageCodeString + '\n';
-        *text += QByteArray("any:normal:7::code:bottom-left:") + PageCodeString + '\n';
-    }
+    const QList<QByteArray> uncoded =
+        request.pageCodes ? pageTypesWithout(*text, PageCodeString) : QList<QByteArray>();
+    if (!uncoded.isEmpty() && !text->endsWith('\n'))
+        *text += '\n';
+    for (const QByteArray& type : uncoded)
+        *text += type + QByteArray(":normal:7::code:bottom-left:") + PageCodeString + '\n';
     return writer.write(target, *text, 0600);
 }
 

@@ -1,21 +1,24 @@
 // quillet-queue against a private print server: a queue that create makes
-// checks clean, each broken set-up gives its one problem, list shows the
-// marked queues, and test prints a page to a stand-in printer and shows its
-// audit line. quillet-queue runs in the print server's own mount namespace,
-// where the stand-in folders are the system's /etc/cups and /usr/share/cups,
-// as the backend and quillet see them.
+// checks clean and marks every page of every copy of a job, each broken
+// set-up gives its one problem, list shows the marked queues, and test prints
+// a page to a stand-in printer and shows its audit line. quillet-queue runs in the print server's own mount
+// namespace, where the stand-in folders are the system's /etc/cups and /usr/share/cups, as the backend and
+// quillet see them.
 #include "../backend/printserver.h"
+#include "../backend/sheetcheck.h"
 #include "../backend/simulatedprinter.h"
 #include "../backend/standinprinter.h"
 
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "queueadmin/cupsclient.h"
+#include "support/pagecodetools.h"
 #include "support/testsupport.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -26,6 +29,47 @@ namespace
 
 // How long the stand-in printer listens.
 constexpr int PrinterLifetimeMs = 600000;
+// How long a job of a few pages and copies may take to be marked and sent.
+constexpr int JobTimeoutMs = 180000;
+
+// A template of the site's own that gives page 1, the middle pages and the
+// last page strings of their own; every one of them shows the copy.
+const char ThreeKindTemplate[] = "replace_underscore=1\n"
+                                 "first:bold:14::label:top-center:[LABEL_NAME]\n"
+                                 "first:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                                 "first:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
+                                 "first:italic:9::note:top-left:Opening sheet\n"
+                                 "last:bold:14::label:top-center:[LABEL_NAME]\n"
+                                 "last:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                                 "last:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
+                                 "last:italic:9::note:top-left:Closing sheet\n"
+                                 "any:bold:14::label:top-center:[LABEL_NAME]\n"
+                                 "any:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                                 "any:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n";
+
+// A template that shows its code on the middle and last pages only, as the
+// "any" line of a recipe appended to a template with "first" lines would.
+const char AnyCodeTemplate[] = "replace_underscore=1\n"
+                               "first:bold:14::label:top-center:[LABEL_NAME]\n"
+                               "first:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                               "first:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
+                               "any:bold:14::label:top-center:[LABEL_NAME]\n"
+                               "any:normal:9::copy:top-right:Copy {CURRENT_COPY} of {copies}\n"
+                               "any:normal:9::pages:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
+                               "any:normal:7::code:bottom-left:{PAGE_CODE}\n";
+
+// The page codes that a sheet shows: words of six groups of four characters
+// of the codes' alphabet.
+QStringList pageCodesOn(const Sheet& sheet)
+{
+    static const QRegularExpression code(QStringLiteral("^[2-9A-HJKMNP-Z]{4}(?:-[2-9A-HJKMNP-Z]{4}){5}$"));
+    QStringList codes;
+    for (const SheetWord& word : sheet.words) {
+        if (code.match(word.text).hasMatch())
+            codes << word.text;
+    }
+    return codes;
+}
 
 // The ways a good queue is broken, one problem each.
 enum class Breakage {
@@ -89,6 +133,8 @@ class TestQueueAdmin : public QObject
     void cleanupTestCase();
     void createMakesAGoodQueue();
     void createAgainChangesNothing();
+    void everyPageOfEveryCopyIsMarked_data();
+    void everyPageOfEveryCopyIsMarked();
     void brokenSetupGivesItsProblem_data();
     void brokenSetupGivesItsProblem();
     void listShowsMarkedQueues();
@@ -195,11 +241,12 @@ void TestQueueAdmin::createMakesAGoodQueue()
         QCOMPARE(modeOf(file), mode_t(0600));
         QCOMPARE(ownerOf(file), uid_t(0));
     }
-    // The shipped example template, with page codes added.
-    const QByteArray shippedTemplate = readFile(QStringLiteral(QUILLET_SOURCE_DIR "/examples/marker.tmpl"));
+    // The shipped queue template, with page codes added: it has "any"
+    // lines only, so the one code line is for every page.
+    const QByteArray shippedTemplate = readFile(QStringLiteral(QUILLET_SOURCE_DIR "/examples/queue.tmpl"));
     const QByteArray queueTemplate = readFile(queueFile(QStringLiteral("secure"), ".tmpl"));
-    QVERIFY(queueTemplate.startsWith(shippedTemplate));
-    QVERIFY(queueTemplate.contains("any:normal:7::code:bottom-left:{PAGE_CODE}\n"));
+    QVERIFY(!shippedTemplate.isEmpty());
+    QCOMPARE(queueTemplate, shippedTemplate + "any:normal:7::code:bottom-left:{PAGE_CODE}\n");
     const QMap<QString, QString> variables =
         parseKeyValues(readFile(queueFile(QStringLiteral("secure"), ".vars")));
     QCOMPARE(variables.value(QStringLiteral("LABEL_NAME")), QStringLiteral("CONFIDENTIAL_INTERNAL"));
@@ -261,6 +308,114 @@ void TestQueueAdmin::createAgainChangesNothing()
     QVERIFY2(output.contains(QStringLiteral("kept the policy quillet")), qPrintable(output));
     QVERIFY2(!output.contains(QStringLiteral("wrote ")) && !output.contains(QStringLiteral("updated ")),
              qPrintable(output));
+}
+
+void TestQueueAdmin::everyPageOfEveryCopyIsMarked_data()
+{
+    QTest::addColumn<QString>("queue");
+    QTest::addColumn<QByteArray>("ownTemplate"); // empty: the shipped one
+    QTest::addColumn<bool>("pageCodes");
+    QTest::addColumn<QString>("collate");
+
+    QTest::newRow("shipped template, page codes, collated copies")
+        << "collated" << QByteArray() << true << "true";
+    QTest::newRow("shipped template, page codes, uncollated copies")
+        << "uncollated" << QByteArray() << true << "false";
+    QTest::newRow("shipped template without page codes") << "uncoded" << QByteArray() << false << "true";
+    QTest::newRow("template with first, last and any lines, page codes")
+        << "three-kinds" << QByteArray(ThreeKindTemplate) << true << "true";
+    QTest::newRow("template with a code on its any lines only, page codes")
+        << "any-code" << QByteArray(AnyCodeTemplate) << true << "true";
+}
+
+// A job of three pages in three copies through a queue as create makes it:
+// the printer gets nine sheets, each with the label, its page and copy
+// number and, with page codes, a code that names that very page and copy.
+// The queue's printer description has a Collate option, so collated copies
+// reach the backend unrepeated.
+void TestQueueAdmin::everyPageOfEveryCopyIsMarked()
+{
+    QFETCH(QString, queue);
+    QFETCH(QByteArray, ownTemplate);
+    QFETCH(bool, pageCodes);
+    QFETCH(QString, collate);
+    if (!haveProgram(QStringLiteral("ps2pdf")) || !haveProgram(QStringLiteral("pdftotext")))
+        QSKIP("Ghostscript and pdftotext are needed");
+
+    QStringList options{QStringLiteral("--label"), QStringLiteral("COPY_CHECK")};
+    if (pageCodes)
+        options << QStringLiteral("--page-codes");
+    if (!ownTemplate.isEmpty()) {
+        const QString file = m_work.filePath(queue + QStringLiteral(".tmpl"));
+        QVERIFY(writeFile(file, ownTemplate));
+        options << QStringLiteral("--template") << file;
+    }
+    createQueue(queue, options);
+
+    const QString document =
+        m_server.writeJobFile(QStringLiteral("three-pages.ps"),
+                              readFile(QStringLiteral(QUILLET_SOURCE_DIR "/examples/document.ps")));
+    const int before = m_printer->jobs().size();
+    const RunResult printed = m_server.admin(
+        QStringLiteral("lp"), {QStringLiteral("-d"), queue, QStringLiteral("-n"), QStringLiteral("3"),
+                               QStringLiteral("-o"), QStringLiteral("collate=") + collate, document});
+    QVERIFY2(printed.exitCode == 0, qPrintable(describe(printed)));
+    // "request id is <queue>-<id> (1 file(s))"
+    const int job = QString::fromLocal8Bit(printed.standardOutput)
+                        .section(QLatin1Char(' '), 3, 3)
+                        .section(QLatin1Char('-'), -1)
+                        .toInt();
+    QVERIFY2(job > 0, printed.standardOutput.constData());
+    QVERIFY2(m_server.waitForJobs({job}, JobTimeoutMs), m_server.errorLog().right(4000).constData());
+    QVERIFY2(m_server.jobState(job) == JobCompleted,
+             qPrintable(m_server.jobLogLines(job).join(QLatin1Char('\n'))));
+    QCOMPARE(m_printer->jobs().size(), before + 1);
+
+    QString error;
+    const QList<Sheet> sheets = readSheets(m_printer->jobs().last(), m_work.path(), &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    const int pages = 3;
+    const int copies = 3;
+    QCOMPARE(sheets.size(), pages * copies);
+
+    QStringList codes;
+    for (int index = 0; index < sheets.size(); ++index) {
+        const Sheet& sheet = sheets.at(index);
+        const int page = index % pages + 1;
+        const int copy = index / pages + 1;
+        const QString where = QStringLiteral("sheet %1 (page %2 of copy %3): %4")
+                                  .arg(index + 1)
+                                  .arg(page)
+                                  .arg(copy)
+                                  .arg(sheet.text());
+        const QStringList copyLine{QStringLiteral("Copy"), QString::number(copy), QStringLiteral("of"),
+                                   QString::number(copies)};
+        const QStringList pageLine{QStringLiteral("Page"), QString::number(page), QStringLiteral("of"),
+                                   QString::number(pages)};
+        QVERIFY2(!findWords(sheet, {QStringLiteral("COPY"), QStringLiteral("CHECK")}).isEmpty(),
+                 qPrintable(where));
+        QVERIFY2(!findWords(sheet, copyLine).isEmpty(), qPrintable(where));
+        QVERIFY2(!findWords(sheet, pageLine).isEmpty(), qPrintable(where));
+        const QStringList found = pageCodesOn(sheet);
+        QVERIFY2(found.size() == (pageCodes ? 1 : 0), qPrintable(where));
+        codes << found;
+    }
+    if (!pageCodes)
+        return;
+
+    // Each code is that sheet's own: the site key traces it to this job,
+    // its page and its copy.
+    const RunResult check = runProgram(QStringLiteral(QUILLET_VERIFY_EXECUTABLE),
+                                       QStringList{QStringLiteral("--key"), m_siteKey} + codes);
+    QVERIFY2(check.exitCode == 0, qPrintable(describe(check)));
+    const QList<Verdict> answers = verdicts(check.standardOutput);
+    QCOMPARE(answers.size(), codes.size());
+    for (int index = 0; index < answers.size(); ++index) {
+        QVERIFY2(answers.at(index).authentic, qPrintable(codes.at(index)));
+        QCOMPARE(answers.at(index).job, qint64(job));
+        QCOMPARE(answers.at(index).page, index % pages + 1);
+        QCOMPARE(answers.at(index).copy, index / pages + 1);
+    }
 }
 
 void TestQueueAdmin::brokenSetupGivesItsProblem_data()
