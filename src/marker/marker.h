@@ -128,6 +128,8 @@ private:
     bool addString(int pageType, const QString& position, const MarkerStringPtr& string);
     QString expandReferences(QStringView text, int scriptDepth) const;
     QString runScriptAt(QStringView command, int scriptDepth) const;
+    QString resolveReference(QStringView name, int scriptDepth) const;
+    QStringList scriptArguments(QStringView command, int scriptDepth) const;
 
     QMap<int, MarkerPositionMap> m_strings;
     int m_fonarikBoundary = 3;

@@ -133,20 +133,74 @@ QString Marker::expandReferences(QStringView text, int scriptDepth) const
     QString result;
     walkReferences(
         text, [&result](QStringView run) { result += run; },
-        [&](QStringView name) {
-            if (name.startsWith(ScriptPrefix)) {
-                result += runScriptAt(name.mid(ScriptPrefix.size()).trimmed(), scriptDepth + 1);
-            } else if (name.startsWith(DirectoryPrefix)) {
-                result += directoryAttribute(name.mid(DirectoryPrefix.size()).trimmed().toString());
-            } else {
-                const QString key = name.toString();
-                QString value = Variables::instance().value(key);
-                if (m_replaceUnderscore && securityLabelVariables().contains(key))
-                    value.replace(QLatin1Char('_'), QLatin1Char(' '));
-                result += value;
-            }
-        });
+        [&](QStringView name) { result += resolveReference(name, scriptDepth); });
     return result;
+}
+
+QString Marker::resolveReference(QStringView name, int scriptDepth) const
+{
+    if (name.startsWith(ScriptPrefix))
+        return runScriptAt(name.mid(ScriptPrefix.size()).trimmed(), scriptDepth + 1);
+    if (name.startsWith(DirectoryPrefix))
+        return directoryAttribute(name.mid(DirectoryPrefix.size()).trimmed().toString());
+    const QString key = name.toString();
+    QString value = Variables::instance().value(key);
+    if (m_replaceUnderscore && securityLabelVariables().contains(key))
+        value.replace(QLatin1Char('_'), QLatin1Char(' '));
+    return value;
+}
+
+// The words of a command split as QProcess::splitCommand splits them (blanks
+// part words, double quotes group them, three in a row stand for one quote),
+// except that the value of a reference goes into its word as it is: blanks,
+// quotes and brackets in a value are data, never read as syntax. The values
+// come from the job (its title is whatever the printing user typed), so
+// splitting them would let a user add options to the site's program. A
+// reference makes a word even when its value is empty, so that the program
+// finds its arguments where the template puts them.
+QStringList Marker::scriptArguments(QStringView command, int scriptDepth) const
+{
+    QStringList words;
+    QString word;
+    bool valueInWord = false;
+    int quotes = 0; // double quotes in a row, not yet taken as syntax
+    bool quoted = false;
+    const auto takeQuotes = [&] {
+        if (quotes == 1)
+            quoted = !quoted;
+        quotes = 0;
+    };
+    const auto endWord = [&] {
+        if (!word.isEmpty() || valueInWord)
+            words << word;
+        word.clear();
+        valueInWord = false;
+    };
+    walkReferences(
+        command,
+        [&](QStringView run) {
+            for (const QChar c : run) {
+                if (c == QLatin1Char('"')) {
+                    if (++quotes == 3) {
+                        quotes = 0;
+                        word += c;
+                    }
+                    continue;
+                }
+                takeQuotes();
+                if (!quoted && c.isSpace())
+                    endWord();
+                else
+                    word += c;
+            }
+        },
+        [&](QStringView name) {
+            takeQuotes();
+            word += resolveReference(name, scriptDepth);
+            valueInWord = true;
+        });
+    endWord();
+    return words;
 }
 
 QString Marker::runScript(const QString& command) const
@@ -163,11 +217,16 @@ QString Marker::runScriptAt(QStringView command, int scriptDepth) const
         return QString();
     }
 
-    // A braced reference in the command hands a value to the script.
-    const QString expanded = command.contains(QLatin1Char('{')) && command.contains(QLatin1Char('}'))
-                                 ? expandReferences(command, scriptDepth)
-                                 : command.toString();
-    QStringList words = QProcess::splitCommand(expanded);
+    // A braced reference in the command hands a value to the script: by
+    // default the command is expanded and then split, so a value with blanks
+    // gives several arguments; MarkerScriptWholeValues=1 gives each value as
+    // one argument.
+    const bool braced = command.contains(QLatin1Char('{')) && command.contains(QLatin1Char('}'));
+    QStringList words;
+    if (braced && Variables::instance().scriptWholeValues())
+        words = scriptArguments(command, scriptDepth);
+    else
+        words = QProcess::splitCommand(braced ? expandReferences(command, scriptDepth) : command.toString());
     if (words.isEmpty())
         return QString();
 

@@ -70,3 +70,8 @@ bool Variables::accountingStamp() const
 {
     return safeOutput() && value(QStringLiteral("MarkerAccountingStamp")) == QLatin1String("1");
 }
+
+bool Variables::scriptWholeValues() const
+{
+    return value(QStringLiteral("MarkerScriptWholeValues")) == QLatin1String("1");
+}

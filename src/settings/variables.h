@@ -52,6 +52,11 @@ public:
     // "MarkerAccountingStamp" holds "1", with print-safe output on.
     bool accountingStamp() const;
 
+    // Whether a value that a SCRIPT: command line refers to reaches the
+    // program as one argument, as it is: the key "MarkerScriptWholeValues"
+    // holds "1". Without it the command line is expanded and then split.
+    bool scriptWholeValues() const;
+
 private:
     Variables() = default;
 

@@ -64,6 +64,8 @@ private slots:
     void scripts();
     void runScriptExpandsOnlyBracedCommands_data();
     void runScriptExpandsOnlyBracedCommands();
+    void scriptValuesAreWholeArguments_data();
+    void scriptValuesAreWholeArguments();
     void scriptThatHangs();
     void scriptsAreRunForEveryReference();
     void quickScriptsCostNoExtraWait();
@@ -114,7 +116,7 @@ void TestMarkerVariables::writeScript(const QString& path, const QByteArray& bod
 // Replaces the script placeholders (%ARGS% and the like) by their paths.
 QString TestMarkerVariables::withScripts(QString text) const
 {
-    for (const char* name : {"ARGS", "PADDED", "LINES", "FAILS", "LOCAL", "SLOW", "COUNTER",
+    for (const char* name : {"ARGS", "COUNT", "PADDED", "LINES", "FAILS", "LOCAL", "SLOW", "COUNTER",
                              "HANGS_WITH_CHILD", "LEAVES_CHILD", "FLOOD"})
         text.replace(QStringLiteral("%%1%").arg(QLatin1String(name)), script(QLatin1String(name)));
     return text;
@@ -135,6 +137,9 @@ void TestMarkerVariables::initTestCase()
 
     // Site scripts.
     writeScript(script(QStringLiteral("ARGS")), "for a in \"$@\"; do printf '<%s>' \"$a\"; done\n");
+    // Prints how many arguments it got, then each in angle brackets.
+    writeScript(script(QStringLiteral("COUNT")),
+                "printf '%s' \"$#\"; for a in \"$@\"; do printf '<%s>' \"$a\"; done\n");
     writeScript(script(QStringLiteral("PADDED")), "printf '  \\n\\n  hello   world  \\n\\n\\t'\n");
     writeScript(script(QStringLiteral("LINES")), "printf 'line1\\n  line2\\n\\nline3\\n'\n");
     writeScript(script(QStringLiteral("FAILS")), "echo out\necho err >&2\nexit 3\n");
@@ -334,6 +339,114 @@ void TestMarkerVariables::runScriptExpandsOnlyBracedCommands()
     QFETCH(QString, expected);
 
     QCOMPARE(Marker::instance().runScript(withScripts(command)), expected);
+}
+
+// A job's values (its title above all, which the printing user chooses) reach
+// a site program as one argument each when MarkerScriptWholeValues=1: never
+// split at blanks, never read for quotes, whatever they hold. The command's
+// own words, written in the template, split as they always did. Without the
+// setting the command line is expanded first and split afterwards.
+void TestMarkerVariables::scriptValuesAreWholeArguments_data()
+{
+    QTest::addColumn<QString>("setting"); // value of MarkerScriptWholeValues; "-" leaves it out
+    QTest::addColumn<QString>("title");   // the job's "job-name"
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");
+
+    const QString one = QStringLiteral("{SCRIPT:%COUNT% {job-name}}");
+    QTest::newRow("blanks") << "1"
+                            << "Quarterly report  final" << one << "1<Quarterly report  final>";
+    QTest::newRow("single and double quotes")
+        << "1"
+        << "it's \"final\" 'draft'" << one << "1<it's \"final\" 'draft'>";
+    QTest::newRow("three double quotes stay three") << "1"
+                                                    << "a\"\"\"b" << one << "1<a\"\"\"b>";
+    QTest::newRow("leading dash is no option") << "1"
+                                               << "--help -x" << one << "1<--help -x>";
+    QTest::newRow("command substitution is text")
+        << "1"
+        << "$(touch /tmp/quillet-x) $HOME" << one << "1<$(touch /tmp/quillet-x) $HOME>";
+    QTest::newRow("backticks are text") << "1"
+                                        << "`id` x" << one << "1<`id` x>";
+    QTest::newRow("backslashes") << "1"
+                                 << "a\\b \\\\c\\" << one << "1<a\\b \\\\c\\>";
+    QTest::newRow("empty value is an empty argument") << "1"
+                                                      << "" << one << "1<>";
+    QTest::newRow("blanks only") << "1"
+                                 << "   " << one << "1<   >";
+    QTest::newRow("newline and tab") << "1"
+                                     << "line1\nline2\tend" << one << "1<line1\nline2\tend>";
+    QTest::newRow("references in the value are not expanded")
+        << "1"
+        << "{A} [B] {SCRIPT:/bin/echo no}" << one << "1<{A} [B] {SCRIPT:/bin/echo no}>";
+    QTest::newRow("everything at once") << "1"
+                                        << "-x 'a b' \"c d\" $(id) `id` \\ \n"
+                                        << one << "1<-x 'a b' \"c d\" $(id) `id` \\ \n>";
+    QTest::newRow("missing key is an empty argument") << "1"
+                                                      << "x"
+                                                      << "{SCRIPT:%COUNT% {MISSING} z}"
+                                                      << "2<><z>";
+    QTest::newRow("literal words still split and quote")
+        << "1"
+        << "my title"
+        << "{SCRIPT:%COUNT% --title {job-name} \"two words\" x\"\"\"y}"
+        << "4<--title><my title><two words><x\"y>";
+    QTest::newRow("value joined to a literal word") << "1"
+                                                    << "my title"
+                                                    << "{SCRIPT:%COUNT% --title={job-name}}"
+                                                    << "1<--title=my title>";
+    QTest::newRow("value inside literal quotes") << "1"
+                                                 << "my title"
+                                                 << "{SCRIPT:%COUNT% \"pre {job-name} post\"}"
+                                                 << "1<pre my title post>";
+    QTest::newRow("two values in one word") << "1"
+                                            << "b c"
+                                            << "{SCRIPT:%COUNT% {A}{job-name}}"
+                                            << "1<alphab c>";
+    QTest::newRow("square-bracketed value") << "1"
+                                            << "a b"
+                                            << "{SCRIPT:%COUNT% [job-name] {A}}"
+                                            << "2<a b><alpha>";
+    QTest::newRow("a nested script's output is one value") << "1"
+                                                           << "x"
+                                                           << "{SCRIPT:%COUNT% {SCRIPT:/bin/echo a  b}}"
+                                                           << "1<a b>";
+    QTest::newRow("value as the program: one word, not run with arguments") << "1"
+                                                                            << "/bin/echo hi"
+                                                                            << "<{SCRIPT:{job-name}}>"
+                                                                            << "<>";
+    QTest::newRow("no braces: the command is taken as written") << "1"
+                                                                << "a b"
+                                                                << "{SCRIPT:%COUNT% [job-name] x}"
+                                                                << "2<[job-name]><x>";
+
+    // Without the setting, or with another value, the expanded line is split.
+    QTest::newRow("setting absent: the value splits") << "-"
+                                                      << "a b --x" << one << "3<a><b><--x>";
+    QTest::newRow("setting 0: the value splits") << "0"
+                                                 << "a \"b c\"" << one << "2<a><b c>";
+    QTest::newRow("setting absent: an empty value is no argument") << "-"
+                                                                   << "" << one << "0";
+    QTest::newRow("setting absent: literal words as before")
+        << "-"
+        << "t"
+        << "{SCRIPT:%COUNT% --title {job-name} \"two words\" x\"\"\"y}"
+        << "4<--title><t><two words><x\"y>";
+}
+
+void TestMarkerVariables::scriptValuesAreWholeArguments()
+{
+    QFETCH(QString, setting);
+    QFETCH(QString, title);
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+
+    if (setting != QLatin1String("-"))
+        Variables::instance().insert(QStringLiteral("MarkerScriptWholeValues"), setting);
+    Variables::instance().insert(QStringLiteral("job-name"), title);
+    QFile::remove(QStringLiteral("/tmp/quillet-x"));
+    QCOMPARE(Marker::instance().expandVariables(withScripts(text)), expected);
+    QVERIFY(!QFile::exists(QStringLiteral("/tmp/quillet-x")));
 }
 
 void TestMarkerVariables::scriptThatHangs()
