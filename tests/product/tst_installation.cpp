@@ -1,5 +1,8 @@
 // The installable product: what `cmake --install` and the Debian package put
 // on a print server, and that the installed program marks the example job.
+// The package is built for /usr in a build folder of its own, as
+// scripts/package.sh builds it, installed and removed with dpkg in a private
+// mount namespace whose /usr, /etc and /var are throw-away overlays.
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "support/postscripttools.h"
@@ -13,9 +16,53 @@
 
 #include <sys/stat.h>
 
-namespace {
+namespace
+{
+
+// How long the package's build may take: the whole program, from scratch.
+constexpr int PackageBuildMs = 1500000;
 
 const QString InstallPrefix = QStringLiteral(QUILLET_INSTALL_PREFIX);
+
+// The prefix of Debian packages.
+const QString PackagePrefix = QStringLiteral("/usr");
+
+// Where the package's files may go: the prefix and the configuration folder.
+bool isDebianPath(const QString& path)
+{
+    return (path == QLatin1String("/usr/") || path.startsWith(QLatin1String("/usr/")) ||
+            path == QLatin1String("/etc/") || path.startsWith(QLatin1String("/etc/"))) &&
+           !path.startsWith(QLatin1String("/usr/local/"));
+}
+
+// The lines of a report file of the package sandbox.
+QStringList reportLines(const QString& folder, const char* name)
+{
+    return QString::fromUtf8(readFile(folder + QLatin1Char('/') + QLatin1String(name)))
+        .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+// Paths of a list that are files, not folders (which end with a slash).
+QStringList filesOf(const QStringList& paths)
+{
+    QStringList files;
+    for (const QString& path : paths) {
+        if (!path.endsWith(QLatin1Char('/')))
+            files << path;
+    }
+    return files;
+}
+
+// Paths of a list that are not in another.
+QStringList notIn(const QStringList& paths, const QStringList& others)
+{
+    QStringList result;
+    for (const QString& path : paths) {
+        if (!others.contains(path))
+            result << path;
+    }
+    return result;
+}
 
 // Every file below a folder, as paths relative to it, sorted.
 QStringList filesBelow(const QString& root)
@@ -44,7 +91,7 @@ class TestInstallation : public QObject
 {
     Q_OBJECT
 
-private slots:
+  private slots:
     void initTestCase();
     void installedTreeHoldsEveryFile_data();
     void installedTreeHoldsEveryFile();
@@ -54,11 +101,14 @@ private slots:
     void installedCheckerMakesKeyAndChecksCode();
     void fatalMessageFollowsLocale_data();
     void fatalMessageFollowsLocale();
+    void packageNeedsABuildForUsr();
     void packageMatchesInstallation();
     void packageInstallsAndRemovesCleanly();
 
-private:
-    // Builds the Debian package once; returns its path or an empty text.
+  private:
+    // Builds the Debian package once, as scripts/package.sh does, in a build
+    // folder of its own below this one (kept, so that a later run only
+    // builds what changed); returns its path or an empty text.
     QString package();
 
     QTemporaryDir m_stage;
@@ -70,10 +120,11 @@ private:
 QString TestInstallation::package()
 {
     if (m_package.isEmpty() && m_packageLog.isEmpty()) {
-        const RunResult pack = runProgram(QStringLiteral(QUILLET_CPACK_COMMAND),
-                                          {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"),
-                                           m_packageDir.path(), QStringLiteral("--config"),
-                                           QStringLiteral(QUILLET_BINARY_DIR "/CPackConfig.cmake")});
+        const RunResult pack =
+            runProgram(QStringLiteral("bash"),
+                       {QStringLiteral(QUILLET_SOURCE_DIR "/scripts/package.sh"),
+                        QStringLiteral(QUILLET_BINARY_DIR "/package-build"), m_packageDir.path()},
+                       {}, {}, PackageBuildMs);
         m_packageLog = pack.standardOutput + pack.standardError;
         const QStringList debs = QDir(m_packageDir.path()).entryList({QStringLiteral("*.deb")});
         if (pack.exitCode == 0 && debs.size() == 1)
@@ -103,9 +154,19 @@ void TestInstallation::installedTreeHoldsEveryFile_data()
     QTest::newRow("glyph list") << data + QStringLiteral("/data/psglyphs");
     QTest::newRow("charset file") << data + QStringLiteral("/charsets/utf-8");
     QTest::newRow("shipped definitions") << data + QStringLiteral("/quillet/marker.defs");
-    for (const char* font : {"NimbusSans-Regular", "NimbusSans-Bold", "NimbusSans-Italic", "NimbusSans-BoldItalic"})
+    QTest::newRow("queue administration")
+        << prefixed(QStringLiteral(QUILLET_INSTALL_SBINDIR "/quillet-queue"));
+    QTest::newRow("queue administration's manual page")
+        << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man8/quillet-queue.8"));
+    QTest::newRow("template of new queues") << data + QStringLiteral("/quillet/queue.tmpl");
+    QTest::newRow("printer description of new queues")
+        << data + QStringLiteral("/quillet/quillet-generic.ppd");
+    QTest::newRow("test page") << data + QStringLiteral("/quillet/testpage.ps");
+    for (const char* font :
+         {"NimbusSans-Regular", "NimbusSans-Bold", "NimbusSans-Italic", "NimbusSans-BoldItalic"})
         QTest::newRow(font) << data + QStringLiteral("/fonts/") + QLatin1String(font);
-    QTest::newRow("backend manual page") << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man8/quillet-backend.8"));
+    QTest::newRow("backend manual page")
+        << prefixed(QStringLiteral(QUILLET_INSTALL_MANDIR "/man8/quillet-backend.8"));
     QTest::newRow("print queue backend")
         << installedPath(QLatin1String(CupsServerBin)) + QStringLiteral("/backend/quillet");
     QTest::newRow("Russian messages")
@@ -134,7 +195,8 @@ void TestInstallation::installedProgramMarksExampleJob()
 
     // The installed data folders stand in for the print server's own.
     FixtureTree tree;
-    tree.copy(m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(CupsDataDir)), QStringLiteral("share-cups"));
+    tree.copy(m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(CupsDataDir)),
+              QStringLiteral("share-cups"));
     const QString examples = QStringLiteral(QUILLET_SOURCE_DIR "/examples");
     tree.copy(examples + QStringLiteral("/document.ps"), QStringLiteral("job/document.ps"));
     tree.copy(examples + QStringLiteral("/marker.tmpl"), QStringLiteral("job/marker.tmpl"));
@@ -145,7 +207,8 @@ void TestInstallation::installedProgramMarksExampleJob()
         arguments << QStringLiteral("--duplex");
     arguments << QStringLiteral("document.ps") << QStringLiteral("marker.tmpl") << QStringLiteral("job.vars")
               << QStringLiteral("marked.ps");
-    const QString program = m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet"));
+    const QString program =
+        m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet"));
     const RunResult run = tree.runInSandbox(program, arguments);
     QVERIFY2(run.exitCode == 0 && !run.crashed, run.standardError.constData());
 
@@ -185,8 +248,8 @@ void TestInstallation::backendRunsAsRootOnly()
 {
     // The print server runs a backend as root only when others may not
     // read and execute it: owner root, mode 0700.
-    const QString backend = m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(CupsServerBin))
-                            + QStringLiteral("/backend/quillet");
+    const QString backend = m_stage.path() + QLatin1Char('/') + installedPath(QLatin1String(CupsServerBin)) +
+                            QStringLiteral("/backend/quillet");
     struct stat info;
     QCOMPARE(stat(QFile::encodeName(backend).constData(), &info), 0);
     QCOMPARE(info.st_mode & 07777, mode_t(0700));
@@ -205,7 +268,8 @@ void TestInstallation::fatalMessageFollowsLocale_data()
     QTest::addColumn<QString>("language");
     QTest::addColumn<int>("status");
     QTest::addColumn<QString>("expected");
-    const QStringList job{QStringLiteral("missing.ps"), QStringLiteral("t"), QStringLiteral("v"), QStringLiteral("o")};
+    const QStringList job{QStringLiteral("missing.ps"), QStringLiteral("t"), QStringLiteral("v"),
+                          QStringLiteral("o")};
     const QStringList missingKey{QStringLiteral("--key"), QStringLiteral("missing.key"),
                                  QStringLiteral("ABCD-EFGH-JKMN-PQRS-TVWX-YZ23")};
     const QStringList twoKeys{QStringLiteral("--key"), QStringLiteral("a"), QStringLiteral("--key"),
@@ -250,8 +314,8 @@ void TestInstallation::fatalMessageFollowsLocale()
 // The installed code checker makes a key and checks a code made under it.
 void TestInstallation::installedCheckerMakesKeyAndChecksCode()
 {
-    const QString program =
-        m_stage.path() + QLatin1Char('/') + prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet-verify"));
+    const QString program = m_stage.path() + QLatin1Char('/') +
+                            prefixed(QStringLiteral(QUILLET_INSTALL_BINDIR "/quillet-verify"));
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
     const QString keyFile = dir.filePath(QStringLiteral("site.key"));
@@ -266,7 +330,27 @@ void TestInstallation::installedCheckerMakesKeyAndChecksCode()
     const QString code = PageCode::make(job.secret(), PageCodeFields::wrap(31, 4, 2, QDate(2026, 10, 1)));
     const RunResult checked = runProgram(program, {QStringLiteral("--key"), keyFile, code});
     QCOMPARE(checked.exitCode, 0);
-    QCOMPARE(checked.standardOutput, code.toLatin1() + ": authentic: job 31, page 4, copy 2, marked on 2026-10-01\n");
+    QCOMPARE(checked.standardOutput,
+             code.toLatin1() + ": authentic: job 31, page 4, copy 2, marked on 2026-10-01\n");
+}
+
+// A build for another prefix is no Debian package: its programs would look
+// for each other outside /usr.
+void TestInstallation::packageNeedsABuildForUsr()
+{
+    if (InstallPrefix == PackagePrefix)
+        QSKIP("this build folder is itself configured for /usr");
+    QTemporaryDir output;
+    const RunResult pack =
+        runProgram(QStringLiteral(QUILLET_CPACK_COMMAND),
+                   {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
+                    QStringLiteral("--config"), QStringLiteral(QUILLET_BINARY_DIR "/CPackConfig.cmake")});
+    QVERIFY(pack.exitCode != 0);
+    QVERIFY2(QString::fromLocal8Bit(pack.standardError)
+                 .simplified()
+                 .contains(QStringLiteral("a Debian package is made from a build for /usr")),
+             pack.standardError.constData());
+    QCOMPARE(QDir(output.path()).entryList({QStringLiteral("*.deb")}), QStringList());
 }
 
 void TestInstallation::packageMatchesInstallation()
@@ -276,7 +360,8 @@ void TestInstallation::packageMatchesInstallation()
     const QString deb = package();
     QVERIFY2(!deb.isEmpty(), m_packageLog.constData());
 
-    // The package's files are exactly the installed files.
+    // The package's files are the installed files, with the prefix /usr
+    // in place of this build's.
     const RunResult contents = runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--contents"), deb});
     QCOMPARE(contents.exitCode, 0);
     QStringList packaged;
@@ -285,7 +370,21 @@ void TestInstallation::packageMatchesInstallation()
             packaged.append(line.section(QLatin1String("./"), -1));
     }
     packaged.sort();
-    QCOMPARE(packaged, filesBelow(m_stage.path()));
+    QStringList expected;
+    const QString installedPrefix = installedPath(InstallPrefix) + QLatin1Char('/');
+    for (const QString& file : filesBelow(m_stage.path()))
+        expected << (file.startsWith(installedPrefix)
+                         ? installedPath(PackagePrefix) + QLatin1Char('/') + file.mid(installedPrefix.size())
+                         : file);
+    expected.sort();
+    QCOMPARE(packaged, expected);
+
+    // Programs in /usr/bin and /usr/sbin, the backend where the print server
+    // runs backends, configuration in /etc only, nothing in /usr/local.
+    for (const QString& file : packaged)
+        QVERIFY2(isDebianPath(QLatin1Char('/') + file), qPrintable(file));
+    for (const char* program : {"usr/bin/quillet", "usr/bin/quillet-verify", "usr/sbin/quillet-queue"})
+        QVERIFY2(packaged.contains(QLatin1String(program)), program);
 
     // The backend keeps its owner and mode in the package.
     const QRegularExpression backendEntry(QStringLiteral("^-rwx------ root/root .* \\./%1/backend/quillet$")
@@ -294,36 +393,99 @@ void TestInstallation::packageMatchesInstallation()
     QVERIFY2(backendEntry.match(QString::fromUtf8(contents.standardOutput)).hasMatch(),
              contents.standardOutput.constData());
 
+    // The backend runs the quillet of the package.
+    QTemporaryDir unpacked;
+    QCOMPARE(
+        runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--extract"), deb, unpacked.path()}).exitCode,
+        0);
+    const QByteArray backend = readFile(
+        unpacked.filePath(installedPath(QLatin1String(CupsServerBin)) + QStringLiteral("/backend/quillet")));
+    QVERIFY(backend.contains(QByteArray("\0/usr/bin/quillet\0", 18)));
+    QVERIFY(!backend.contains("/usr/local/bin/quillet"));
+
+    // Every file in /etc is a configuration file of the package, which dpkg
+    // keeps on removal until the package is purged.
+    const RunResult conffiles =
+        runProgram(QStringLiteral("sh"),
+                   {QStringLiteral("-c"),
+                    QStringLiteral("dpkg-deb --ctrl-tarfile \"$0\" | tar -xOf - ./conffiles"), deb});
+    QCOMPARE(conffiles.exitCode, 0);
+    QStringList inEtc = packaged.filter(QRegularExpression(QStringLiteral("^etc/")));
+    for (QString& file : inEtc)
+        file.prepend(QLatin1Char('/'));
+    QCOMPARE(QString::fromUtf8(conffiles.standardOutput).split(QLatin1Char('\n'), Qt::SkipEmptyParts), inEtc);
+
     // It depends on the Qt core library it was linked with, and on what the
     // print queue's backend runs for every job.
-    const RunResult fields = runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--field"), deb, QStringLiteral("Depends")});
+    const RunResult fields =
+        runProgram(QStringLiteral("dpkg-deb"), {QStringLiteral("--field"), deb, QStringLiteral("Depends")});
     for (const char* package : {"libqt5core5a", "bubblewrap", "ghostscript", "poppler-utils"})
         QVERIFY2(fields.standardOutput.contains(package), fields.standardOutput.constData());
 }
 
+// dpkg installs the package as on a print server (its dependencies are this
+// machine's), in a private mount namespace whose /usr, /etc and /var are
+// throw-away overlays; then removes and purges it.
 void TestInstallation::packageInstallsAndRemovesCleanly()
 {
-    if (!haveProgram(QStringLiteral("dpkg")) || !haveProgram(QStringLiteral("dpkg-shlibdeps")))
-        QSKIP("dpkg is needed");
+    if (!haveProgram(QStringLiteral("dpkg")) || !haveProgram(QStringLiteral("dpkg-shlibdeps")) ||
+        !haveProgram(QStringLiteral("unshare")))
+        QSKIP("dpkg and unshare are needed");
     const QString deb = package();
     QVERIFY2(!deb.isEmpty(), m_packageLog.constData());
 
-    // A scratch root with its own package database: the package goes in and
-    // out there, never on this machine's own folders.
-    QTemporaryDir root;
-    QVERIFY(writeFile(root.filePath(QStringLiteral("var/lib/dpkg/status")), QByteArray()));
-    QDir().mkpath(root.filePath(QStringLiteral("var/lib/dpkg/updates")));
-    QDir().mkpath(root.filePath(QStringLiteral("var/lib/dpkg/info")));
-    const QStringList dpkg = {QStringLiteral("--root=") + root.path(), QStringLiteral("--force-depends"),
-                              QStringLiteral("--force-script-chrootless"), QStringLiteral("--force-not-root")};
-    const RunResult install = runProgram(QStringLiteral("dpkg"), dpkg + QStringList{QStringLiteral("-i"), deb});
-    QVERIFY2(install.exitCode == 0, install.standardOutput + install.standardError);
-    QCOMPARE(filesBelow(root.path()).filter(QRegularExpression(QStringLiteral("^(usr|etc)/"))),
-             filesBelow(m_stage.path()));
+    QTemporaryDir report;
+    const RunResult run = runProgram(QStringLiteral(QUILLET_SOURCE_DIR "/tests/product/package-sandbox"),
+                                     {deb, report.path(), QStringLiteral("sh"), QStringLiteral("-c"),
+                                      QStringLiteral("%1/backend/quillet && /usr/bin/quillet --version")
+                                          .arg(QLatin1String(CupsServerBin))},
+                                     {}, {}, 600000);
+    QVERIFY2(run.exitCode == 0, run.standardOutput + run.standardError);
+    const QString folder = report.path();
+    const QStringList paths = reportLines(folder, "paths");
+    const QStringList before = reportLines(folder, "before");
+    QVERIFY(!filesOf(paths).isEmpty());
 
-    const RunResult remove = runProgram(QStringLiteral("dpkg"), dpkg + QStringList{QStringLiteral("--purge"), QStringLiteral("quillet")});
-    QVERIFY2(remove.exitCode == 0, remove.standardOutput + remove.standardError);
-    QCOMPARE(filesBelow(root.path()).filter(QRegularExpression(QStringLiteral("^(usr|etc)/"))), QStringList());
+    // Installed: every path of the package is under /usr or /etc, not in
+    // /usr/local, and there.
+    QVERIFY2(readFile(folder + QStringLiteral("/install.status")) == "0\n",
+             readFile(folder + QStringLiteral("/install.log")).constData());
+    for (const QString& path : paths)
+        QVERIFY2(isDebianPath(path), qPrintable(path));
+    QCOMPARE(reportLines(folder, "after-install"), paths);
+    QStringList listed = reportLines(folder, "listed");
+    listed.removeAll(QStringLiteral("/."));
+    QStringList unslashed;
+    for (const QString& path : paths)
+        unslashed << (path.endsWith(QLatin1Char('/')) ? path.chopped(1) : path);
+    QCOMPARE(listed, unslashed);
+
+    // The installed backend and program run.
+    QVERIFY2(readFile(folder + QStringLiteral("/command.status")) == "0\n",
+             readFile(folder + QStringLiteral("/command.out")).constData());
+    const QByteArray ran = readFile(folder + QStringLiteral("/command.out"));
+    QVERIFY2(ran.startsWith("network quillet "), ran.constData());
+    QVERIFY2(ran.contains("\nquillet " QUILLET_VERSION "\n"), ran.constData());
+
+    // Removed: of the package's files only its configuration files are
+    // left, as dpkg leaves them until a purge; folders only where there
+    // were folders before.
+    QVERIFY2(readFile(folder + QStringLiteral("/remove.status")) == "0\n",
+             readFile(folder + QStringLiteral("/remove.log")).constData());
+    const QStringList afterRemove = reportLines(folder, "after-remove");
+    QCOMPARE(filesOf(afterRemove), filesOf(paths).filter(QRegularExpression(QStringLiteral("^/etc/"))));
+    QCOMPARE(notIn(afterRemove, before + filesOf(afterRemove)), QStringList());
+    QCOMPARE(readFile(folder + QStringLiteral("/state-after-remove")),
+             QByteArray("deinstall ok config-files\n"));
+
+    // Purged: nothing of the package is left, and dpkg no longer knows it.
+    QVERIFY2(readFile(folder + QStringLiteral("/purge.status")) == "0\n",
+             readFile(folder + QStringLiteral("/purge.log")).constData());
+    const QStringList afterPurge = reportLines(folder, "after-purge");
+    QCOMPARE(filesOf(afterPurge), QStringList());
+    QCOMPARE(notIn(afterPurge, before), QStringList());
+    QVERIFY2(readFile(folder + QStringLiteral("/state-after-purge")).contains("no packages found matching"),
+             readFile(folder + QStringLiteral("/state-after-purge")).constData());
 }
 
 QTEST_GUILESS_MAIN(TestInstallation)
