@@ -4,6 +4,7 @@
 #include "app/startup.h"
 
 #include "app/printerror.h"
+#include "common/filename.h"
 #include "common/paths.h"
 #include "common/regularfile.h"
 #include "common/status.h"
@@ -100,12 +101,12 @@ Status setUpPageCodes()
 
 Status checkFilesExist(const QString& input, const QString& templateFile, const QString& variablesFile)
 {
-    if (!QFile::exists(input))
+    if (!fileNameExists(input))
         return Status::failure(mainText(QT_TRANSLATE_NOOP("main", "Input file %1 doesn't exist")).arg(input));
-    if (!QFile::exists(templateFile))
+    if (!fileNameExists(templateFile))
         return Status::failure(
             mainText(QT_TRANSLATE_NOOP("main", "Marker template file %1 doesn't exist")).arg(templateFile));
-    if (!QFile::exists(variablesFile))
+    if (!fileNameExists(variablesFile))
         return Status::failure(
             mainText(QT_TRANSLATE_NOOP("main", "Variables file %1 doesn't exist")).arg(variablesFile));
     return Status();
@@ -176,7 +177,10 @@ int quilletMain(int argc, char* argv[])
     parser.addOption(duplexOption);
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
-    parser.process(application);
+    // The arguments as bytes: a file name need not be text in the locale's
+    // encoding, and the one that QCoreApplication::arguments() decodes
+    // loses what it cannot read.
+    parser.process(decodedArguments(argc, argv));
 
     if (parser.isSet(helpOption) || parser.isSet(versionOption))
         return 0;

@@ -1,10 +1,15 @@
 // Audit records as JSON lines.
 #include "common/auditrecord.h"
 
+#include "common/filename.h"
+
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+
+#include <cerrno>
+#include <cstring>
 
 namespace
 {
@@ -85,9 +90,9 @@ bool readAuditJsonLine(const QByteArray& line, AuditRecord* record)
 QList<AuditRecord> auditRecordsOfJob(const QString& logFile, qint64 job, QString* error)
 {
     QList<AuditRecord> records;
-    QFile file(logFile);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = file.errorString();
+    QFile file;
+    if (!openFileByName(file, logFile, QIODevice::ReadOnly)) {
+        *error = QString::fromLocal8Bit(std::strerror(errno));
         return records;
     }
     for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {

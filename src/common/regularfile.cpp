@@ -1,6 +1,8 @@
 // Opening a file that must be a regular file.
 #include "common/regularfile.h"
 
+#include "common/filename.h"
+
 #include <QFile>
 
 #include <fcntl.h>
@@ -13,7 +15,7 @@ RegularFileOpen openRegularFile(QFile& file)
     // waiting for a writer. The type is then told from the open descriptor,
     // so the file looked at is the file read.
     const int descriptor =
-        ::open(QFile::encodeName(file.fileName()).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        ::open(encodeFileName(file.fileName()).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return RegularFileOpen::Failed;
     struct stat status;

@@ -4,6 +4,7 @@
 // every page (duplex).
 #include "document/quillet.h"
 
+#include "common/filename.h"
 #include "common/trace.h"
 #include "fonts/fonts.h"
 #include "marker/marker.h"
@@ -151,8 +152,9 @@ bool sameFile(const QString& first, const QString& second)
 {
     struct stat a;
     struct stat b;
-    return ::stat(QFile::encodeName(first).constData(), &a) == 0
-        && ::stat(QFile::encodeName(second).constData(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    return ::stat(encodeFileName(first).constData(), &a) == 0 &&
+           ::stat(encodeFileName(second).constData(), &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
 }
 
 // Whether a document's first line is one comment that the interpreter ends
@@ -295,16 +297,17 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     // The input is read twice, so it must be a regular file; a folder fails
     // to open below. It is read as raw bytes, without end-of-line
     // translation, so that every byte of it reaches the output unchanged.
-    const QFileInfo inputInfo(input);
-    if (inputInfo.exists() && !inputInfo.isFile() && !inputInfo.isDir())
+    struct stat inputStatus;
+    if (::stat(encodeFileName(input).constData(), &inputStatus) == 0 && !S_ISREG(inputStatus.st_mode) &&
+        !S_ISDIR(inputStatus.st_mode))
         return Status::failure(
             quilletText(QT_TRANSLATE_NOOP("Quillet", "Input file %1 is not a regular file")).arg(input));
-    QFile in(input);
-    if (!in.open(QIODevice::ReadOnly))
+    QFile in;
+    if (!openFileByName(in, input, QIODevice::ReadOnly))
         return Status::failure(
             quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open input file %1")).arg(input));
-    QFile templateDevice(templateFile);
-    if (!templateDevice.open(QIODevice::ReadOnly))
+    QFile templateDevice;
+    if (!openFileByName(templateDevice, templateFile, QIODevice::ReadOnly))
         return Status::failure(
             quilletText(QT_TRANSLATE_NOOP("Quillet", "Can not open template file %1")).arg(templateFile));
     // Writing a file that is the input would destroy the document.

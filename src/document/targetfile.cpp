@@ -1,7 +1,7 @@
 // A file that the document filter writes: in place, or replaced as a whole.
 #include "document/targetfile.h"
 
-#include <QFileInfo>
+#include "common/filename.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -22,11 +22,19 @@ bool kernelCopyRefused(int error)
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EBADF;
 }
 
+// Whether a file can be replaced by a new one under its name: it is a
+// regular file, or there is none yet (a device or a folder is written in
+// place, or not at all).
+bool replaceable(const QByteArray& name)
+{
+    struct stat status;
+    return ::stat(name.constData(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
 } // namespace
 
 TargetFile::TargetFile(const QString& name, bool replaceWhole)
-    : m_replaceWhole(replaceWhole && (!QFileInfo::exists(name) || QFileInfo(name).isFile())),
-      m_name(QFile::encodeName(name)),
+    : m_replaceWhole(replaceWhole && replaceable(encodeFileName(name))), m_name(encodeFileName(name)),
       m_file(name)
 {
     // Room for a full spill and the largest usual write after it; the
@@ -45,7 +53,7 @@ TargetFile::~TargetFile()
 bool TargetFile::open(QIODevice::OpenMode mode)
 {
     if (!m_replaceWhole) {
-        if (!m_file.open(mode))
+        if (!openFileByName(m_file, m_file.fileName(), mode))
             return false;
     } else {
         // Made beside the file under a name of its own, with permissions for

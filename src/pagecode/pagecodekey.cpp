@@ -1,9 +1,10 @@
 // Page-code keys: random site keys, job key derivation and the key file.
 #include "pagecode/pagecodekey.h"
 
+#include "common/filename.h"
+
 #include <QCoreApplication>
 #include <QFile>
-#include <QFileInfo>
 #include <QMessageAuthenticationCode>
 #include <QRandomGenerator>
 
@@ -102,12 +103,12 @@ bool PageCodeKey::parse(const QByteArray& text, PageCodeKey* key, QString* error
 
 bool PageCodeKey::load(const QString& path, PageCodeKey* key, QString* error)
 {
-    QFile file(path);
-    if (!file.exists()) {
+    if (!fileNameExists(path)) {
         *error = keyText(QT_TRANSLATE_NOOP("PageCode", "Page-code key file %1 doesn't exist")).arg(path);
         return false;
     }
-    if (QFileInfo(path).isDir() || !file.open(QIODevice::ReadOnly)) {
+    QFile file;
+    if (!openFileByName(file, path, QIODevice::ReadOnly)) {
         *error = keyText(QT_TRANSLATE_NOOP("PageCode", "Can not read page-code key file %1")).arg(path);
         return false;
     }
@@ -124,7 +125,7 @@ bool PageCodeKey::saveNew(const QString& path, QString* error) const
 {
     // O_EXCL refuses any existing name, a dangling link included; the mode
     // is set again after creation because the umask may have narrowed it.
-    const QByteArray name = QFile::encodeName(path);
+    const QByteArray name = encodeFileName(path);
     const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         const int cause = errno;

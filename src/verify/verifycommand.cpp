@@ -4,6 +4,7 @@
 
 #include "app/printerror.h"
 #include "app/startup.h"
+#include "common/filename.h"
 #include "common/paths.h"
 #include "pagecode/pagecodekey.h"
 #include "pagecode/pagecoder.h"
@@ -27,7 +28,8 @@ QString verifyText(const char* text)
 
 void printOut(const QString& text)
 {
-    const QByteArray bytes = text.toLocal8Bit() + '\n';
+    // File names in the text are written as the bytes they were given as.
+    const QByteArray bytes = encodeFileName(text) + '\n';
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
 }
 
@@ -152,7 +154,9 @@ int verifyMain(int argc, char* argv[])
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
-    if (!parser.parse(QCoreApplication::arguments()))
+    // The arguments as bytes: QCoreApplication::arguments() loses the bytes
+    // of a file name that the locale's encoding cannot read.
+    if (!parser.parse(decodedArguments(argc, argv)))
         return usageError(parser.errorText());
     if (parser.isSet(helpOption) || parser.isSet(QStringLiteral("help-all")))
         parser.showHelp(0);
