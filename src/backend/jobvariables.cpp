@@ -26,7 +26,8 @@ const QStringList& reservedVariableKeys()
                                      QLatin1String(PageKeys::CurrentPageContinuous),
                                      QLatin1String(PageKeys::PageCode),
                                      QLatin1String(PageCoder::KeySetting),
-                                     QLatin1String(PageCoder::JobKeySetting)};
+                                     QLatin1String(PageCoder::JobKeySetting),
+                                     QLatin1String(ScriptWholeValuesKey)};
     return keys;
 }
 
@@ -82,6 +83,10 @@ QByteArray jobVariables(const JobFacts& job, const QueueSettings& queue, int cop
             lines.append(option);
     }
     lines += queue.variables;
+    // On a print queue the job's values (its title above all, which the
+    // printing user chooses) reach a site program as one argument each,
+    // whatever the files say.
+    lines.append({QLatin1String(ScriptWholeValuesKey), QStringLiteral("1")});
     if (!job.pageCodeKeyFile.isEmpty())
         lines.append({QLatin1String(PageCoder::JobKeySetting), job.pageCodeKeyFile});
 

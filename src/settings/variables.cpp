@@ -73,5 +73,5 @@ bool Variables::accountingStamp() const
 
 bool Variables::scriptWholeValues() const
 {
-    return value(QStringLiteral("MarkerScriptWholeValues")) == QLatin1String("1");
+    return value(QLatin1String(ScriptWholeValuesKey)) == QLatin1String("1");
 }

@@ -7,7 +7,8 @@
 class QIODevice;
 
 // The keys that the document filter sets anew for every page it marks.
-namespace PageKeys {
+namespace PageKeys
+{
 inline constexpr char CurrentPage[] = "CURRENT_PAGE";
 inline constexpr char CurrentPageContinuous[] = "CURRENT_PAGE_CONTINUOUS";
 inline constexpr char PageCode[] = "PAGE_CODE";
@@ -17,9 +18,13 @@ inline constexpr const char* All[] = {CurrentPage, CurrentPageContinuous, PageCo
 // One ordered map from key to value for the whole run. The variables file,
 // DATE and TIME, the marker definitions and the page counters all live here;
 // a later insert of a key replaces the earlier value.
+// The key that makes every value a SCRIPT: command line refers to one
+// argument of the program.
+inline constexpr char ScriptWholeValuesKey[] = "MarkerScriptWholeValues";
+
 class Variables
 {
-public:
+  public:
     // Returns the store, creating it empty on first use.
     static Variables& instance();
 
@@ -57,7 +62,7 @@ public:
     // holds "1". Without it the command line is expanded and then split.
     bool scriptWholeValues() const;
 
-private:
+  private:
     Variables() = default;
 
     QMap<QString, QString> m_values;

@@ -248,6 +248,7 @@ class TestBackendRun : public QObject
     void cancelledJobLeavesNothing_data();
     void cancelledJobLeavesNothing();
     void wrongCommandLine();
+    void siteProgramGetsEachValueWhole();
     void auditRecordAndTheUsersName_data();
     void auditRecordAndTheUsersName();
     void siteKeyProblemsRefuseTheJob_data();
@@ -301,6 +302,34 @@ void TestBackendRun::realBackendFailureIsPassedOn()
     QVERIFY2(run.standardError.contains("outcome=device-failed status=4\n"), run.standardError.constData());
     QVERIFY(!run.standardError.contains("PAGE: total 4"));
     QCOMPARE(rig.leftovers(), QStringList());
+}
+
+// On a print queue a title the user chose reaches a site program as one
+// argument, whatever blanks, quotes and dashes it holds.
+void TestBackendRun::siteProgramGetsEachValueWhole()
+{
+    BackendRig rig;
+    const QString site = rig.path("site");
+    QVERIFY(QDir().mkpath(site));
+    QVERIFY(writeFile(site + QStringLiteral("/args"), "#!/bin/sh\necho \"$# arguments, first: $1\"\n"));
+    QVERIFY(QFile::setPermissions(site + QStringLiteral("/args"),
+                                  QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther));
+    QVERIFY(QFile::setPermissions(rig.path("site"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                                        QFile::ReadOther | QFile::ExeOther));
+    rig.setTemplate("any:normal:9::args:top-left:{SCRIPT:" + QFile::encodeName(site) + "/args {job-name}}\n");
+    rig.setVariables("MarkerSandboxFolders=" + QFile::encodeName(site) + "\nMarkerScriptWholeValues=0\n");
+    QStringList arguments = jobArguments(rig.path("job.ps"), QStringLiteral("1"));
+    arguments[2] = QStringLiteral("Q3 plan -x \"two words\" 'quoted'");
+    const RunResult run = rig.run(arguments);
+    QVERIFY2(run.exitCode == 0, run.standardError.constData());
+    QString error;
+    QTemporaryDir work;
+    const QList<Sheet> sheets = readSheets(rig.path("out/data"), work.path(), &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QVERIFY(!sheets.isEmpty());
+    const QString text = sheets.first().text().simplified();
+    QVERIFY2(text.contains(QStringLiteral("1 arguments, first: Q3 plan -x \"two words\" 'quoted'")),
+             qPrintable(text));
 }
 
 // Who is on the paper and in the record: a name that the print server made
