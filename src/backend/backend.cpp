@@ -1,7 +1,7 @@
 // The backend's run, stage by stage: configure (the device, the queue, its
 // set-up checks and what the printer takes), receive the job, check it,
-// normalise it with the trusted interpreter, mark every copy, convert the
-// marked stream for a printer without PostScript, prove what would be sent,
+// normalise it with the trusted interpreter, mark every copy into the stream,
+// convert the stream for a printer without PostScript, prove what would be sent,
 // send it to the real backend; every stage ends in the audit line. Each step of the
 // job's untrusted work runs in a sandbox of its own. Every refusal sends
 // nothing to the device.
@@ -206,7 +206,9 @@ class JobRun
                       int input, const QString& messages, QString* error);
     SandboxSpec sandboxSpec(const QString& stepFolder) const;
     bool markCopy(int copy, QString* error);
-    bool buildStream(QString* error);
+    bool checkPageLimit(QString* error) const;
+    bool openStream(QFile& stream, QString* error);
+    bool joinCopy(int copy, QFile& stream, QString* error);
     qint64 sheetsPerCopy() const;
     ChildCommand realBackendCommand(const QString& program, int input) const;
 
@@ -231,6 +233,9 @@ class JobRun
     // The document that quillet marks, and the step folder of the marking.
     QString m_flatDocument;
     QString m_markingFolder;
+    // The marker fonts' insertion of the first copy, which the stream
+    // carries once.
+    QByteArray m_markerFonts;
     QString m_label;
     qint64 m_pages = 0;
     // Whether quillet added the accounting stamp's page to every copy.
@@ -560,7 +565,9 @@ bool JobRun::normalise(QString* error)
     return true;
 }
 
-// Every copy is marked, in the job's sandbox, before the first byte goes out.
+// Every copy is marked, in the job's sandbox, before the first byte goes
+// out, and joined to the stream as soon as it is marked: the job's folder
+// holds the stream and one marked copy at a time.
 bool JobRun::mark(QString* error)
 {
     m_markingFolder = m_folder.createStep(QStringLiteral("marking"), m_uid, m_gid);
@@ -574,23 +581,28 @@ bool JobRun::mark(QString* error)
     }
     if (!handOverPageCodeKey(error))
         return false;
+    QFile stream;
+    if (!openStream(stream, error))
+        return false;
     for (int copy = 1; copy <= m_job.copies; ++copy) {
-        if (!markCopy(copy, error))
+        if (!markCopy(copy, error) || (copy == 1 && !checkPageLimit(error)) || !joinCopy(copy, stream, error))
             return false;
+    }
+    if (!stream.flush()) {
+        *error = QStringLiteral("cannot write the marked stream");
+        return false;
     }
     return true;
 }
 
-// The marked copies joined into the stream and, for a printer that takes no
-// PostScript, the stream written in the printer's format by Ghostscript in
+// For a printer that takes no PostScript, the stream written in the printer's
+// format by Ghostscript in
 // the job's sandbox (a PostScript error in the stream stops it). Pages are
 // fitted inside the printer's margins as flat pages: the marks measure the
 // page they are drawn on, so the stream is first written as a PDF, whose
 // pages are then fitted, marks and all.
 bool JobRun::convert(QString* error)
 {
-    if (!buildStream(error))
-        return false;
     m_printFile = m_folder.file(QStringLiteral("stream.ps"));
     if (m_output.format == OutputFormat::PostScript)
         return true;
@@ -969,29 +981,51 @@ bool JobRun::markCopy(int copy, QString* error)
     return true;
 }
 
-// The stream: a header, the printer's set-up code from the queue's PPD for
-// the job's options (two-sided on back-page queues), then the marked copies.
-bool JobRun::buildStream(QString* error)
+// A job may print no more pages than the queue allows, its pages times its
+// copies: the first copy's pages tell, before the other copies are marked.
+bool JobRun::checkPageLimit(QString* error) const
 {
-    QFile stream(m_folder.file(QStringLiteral("stream.ps")));
+    const qint64 pages = sheetsPerCopy() * m_job.copies;
+    if (pages <= m_settings.pageLimit)
+        return true;
+    *error = QStringLiteral("the job would print %1 pages (%2 copies of %3), more than the queue's limit of "
+                            "%4 (%5)")
+                 .arg(pages)
+                 .arg(m_job.copies)
+                 .arg(sheetsPerCopy())
+                 .arg(m_settings.pageLimit)
+                 .arg(QLatin1String(PageLimitSetting));
+    return false;
+}
+
+// The stream starts with a header and the printer's set-up code from the
+// queue's PPD for the job's options (two-sided on back-page queues); the
+// marked copies follow.
+bool JobRun::openStream(QFile& stream, QString* error)
+{
+    stream.setFileName(m_folder.file(QStringLiteral("stream.ps")));
     if (!stream.open(QIODevice::WriteOnly | QIODevice::Truncate) || stream.write(StreamHeader) < 0 ||
         stream.write(m_printerSetup.code) != m_printerSetup.code.size()) {
         *error = QStringLiteral("cannot write the marked stream");
         return false;
     }
-    for (int copy = 1; copy <= m_job.copies; ++copy) {
-        QFile marked;
-        if (!openStepFile(marked, m_markingFolder + QStringLiteral("/copy-%1.ps").arg(copy)) ||
-            !appendMarkedCopy(marked, stream)) {
-            *error = QStringLiteral("cannot join marked copy %1 to the stream").arg(copy);
-            return false;
-        }
-    }
-    if (!stream.flush()) {
-        *error = QStringLiteral("cannot write the marked stream");
-        return false;
-    }
     return true;
+}
+
+// Appends a marked copy to the stream (the marker fonts once for all copies)
+// and removes the copy's files.
+bool JobRun::joinCopy(int copy, QFile& stream, QString* error)
+{
+    const QString base = m_markingFolder + QStringLiteral("/copy-%1").arg(copy);
+    QFile marked;
+    const bool joined = openStepFile(marked, base + QStringLiteral(".ps")) &&
+                        appendMarkedCopy(marked, stream, &m_markerFonts);
+    marked.close();
+    QFile::remove(base + QStringLiteral(".ps"));
+    QFile::remove(base + QStringLiteral(".vars"));
+    if (!joined)
+        *error = QStringLiteral("cannot join marked copy %1 to the stream").arg(copy);
+    return joined;
 }
 
 ChildCommand JobRun::realBackendCommand(const QString& program, int input) const

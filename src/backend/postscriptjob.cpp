@@ -1,6 +1,9 @@
 // PostScript handling of the backend: job check, copy count, stream of copies.
 #include "backend/postscriptjob.h"
 
+#include "document/insertions.h"
+
+#include <QByteArray>
 #include <QIODevice>
 
 namespace
@@ -39,6 +42,37 @@ bool copyRest(QIODevice& input, QIODevice& output)
     }
 }
 
+// Copies lines up to and including the marker fonts' insertion (the whole
+// copy when it has none), leaving that insertion out when it is the same as
+// *markerFonts, else keeping it there for the next copies.
+bool copyUpToMarkerFonts(QIODevice& copy, QIODevice& stream, QByteArray* markerFonts)
+{
+    QByteArray line = copy.readLine();
+    while (!line.isEmpty()) {
+        const QByteArray next = copy.readLine();
+        if (!Insertions::opensMarkerFonts(line, next)) {
+            if (stream.write(line) != line.size())
+                return false;
+            line = next;
+            continue;
+        }
+        QByteArray fonts = line + next;
+        QByteArray more;
+        do {
+            more = copy.readLine();
+            fonts += more;
+        } while (!more.isEmpty() && !Insertions::isEnd(more));
+        if (more.isEmpty())
+            return false; // an insertion without its end
+        if (markerFonts->isEmpty())
+            *markerFonts = fonts;
+        else if (fonts == *markerFonts)
+            return true;
+        return stream.write(fonts) == fonts.size();
+    }
+    return copy.atEnd();
+}
+
 } // namespace
 
 bool looksLikePostScript(const QByteArray& head)
@@ -73,7 +107,7 @@ bool copyAsOneCopy(QIODevice& input, QIODevice& output, int* streamCopies)
     }
 }
 
-bool appendMarkedCopy(QIODevice& copy, QIODevice& stream)
+bool appendMarkedCopy(QIODevice& copy, QIODevice& stream, QByteArray* markerFonts)
 {
     const QByteArray firstLine = copy.readLine();
     if (firstLine.isEmpty())
@@ -83,6 +117,8 @@ bool appendMarkedCopy(QIODevice& copy, QIODevice& stream)
     if (!firstLine.endsWith('\n') && !stream.putChar('\n'))
         return false;
     const QByteArray begin(CopyBegin);
+    if (stream.write(begin) != begin.size() || !copyUpToMarkerFonts(copy, stream, markerFonts))
+        return false;
     const QByteArray end(CopyEnd);
-    return stream.write(begin) == begin.size() && copyRest(copy, stream) && stream.write(end) == end.size();
+    return copyRest(copy, stream) && stream.write(end) == end.size();
 }

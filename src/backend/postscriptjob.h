@@ -22,6 +22,9 @@ bool copyAsOneCopy(QIODevice& input, QIODevice& output, int* streamCopies);
 // Appends one marked copy to the stream: its first line ("%!..."), the
 // start of an encapsulated copy, the rest of it and the end of the
 // encapsulated copy, so that what one copy defines (quillet's showpage
-// redefinition among it) is gone when the next copy starts. Returns false on
-// a read or write error.
-bool appendMarkedCopy(QIODevice& copy, QIODevice& stream);
+// redefinition among it) is gone when the next copy starts. The marker fonts
+// are the exception: they live in global VM, which the copy's end leaves
+// alone. The first copy's fonts insertion is kept in *markerFonts, and a
+// later copy's insertion that is the same is left out. Returns false on a
+// read or write error.
+bool appendMarkedCopy(QIODevice& copy, QIODevice& stream, QByteArray* markerFonts);

@@ -103,7 +103,8 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                 }
             } else if (pair.first == QLatin1String(CpuSecondsSetting) ||
                        pair.first == QLatin1String(MemorySetting) ||
-                       pair.first == QLatin1String(OutputSetting)) {
+                       pair.first == QLatin1String(OutputSetting) ||
+                       pair.first == QLatin1String(PageLimitSetting)) {
                 bool ok = false;
                 const int value = pair.second.toInt(&ok);
                 if (!ok || value <= 0 || value > 1000000) {
@@ -114,7 +115,8 @@ QueueSettings readQueueSettings(const QString& serverRoot, const QString& queue)
                 }
                 int& bound = pair.first == QLatin1String(CpuSecondsSetting) ? settings.cpuSeconds
                              : pair.first == QLatin1String(MemorySetting)   ? settings.memoryMB
-                                                                            : settings.outputMB;
+                             : pair.first == QLatin1String(OutputSetting)   ? settings.outputMB
+                                                                            : settings.pageLimit;
                 bound = value;
             } else if (pair.first == QLatin1String(UnverifiedUserSetting)) {
                 if (pair.second != QLatin1String("mark") && pair.second != QLatin1String("refuse")) {

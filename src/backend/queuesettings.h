@@ -22,6 +22,7 @@ inline constexpr char SandboxFoldersSetting[] = "MarkerSandboxFolders";
 inline constexpr char CpuSecondsSetting[] = "MarkerJobCpuSeconds";
 inline constexpr char MemorySetting[] = "MarkerJobMemoryMB";
 inline constexpr char OutputSetting[] = "MarkerJobOutputMB";
+inline constexpr char PageLimitSetting[] = "MarkerJobPageLimit";
 inline constexpr char OutputFormatSetting[] = "MarkerOutputFormat";
 inline constexpr char UnverifiedUserSetting[] = "MarkerUnverifiedUser";
 
@@ -61,6 +62,9 @@ struct QueueSettings {
     int cpuSeconds = 300;
     int memoryMB = 2048;
     int outputMB = 2048;
+    // The most pages a job may print, its pages times its copies
+    // (MarkerJobPageLimit).
+    int pageLimit = 10000;
     // The format the printer is sent (MarkerOutputFormat): "auto" (asks a
     // driverless printer, PostScript for others), "postscript", "pdf",
     // "pwg-raster", "urf" or "pcl".

@@ -64,9 +64,6 @@ const char DuplexPageGuard[] =
 //   bool QuilletEndGlobal -  Returns to that mode.
 const char GlobalVmProcedures[] = "/QuilletGlobal { currentglobal //true setglobal } bind def\n"
                                   "/QuilletEndGlobal { setglobal } bind def\n";
-// - -  Around the marker fonts.
-const char GlobalVmBegin[] = "QuilletGlobal\n";
-const char GlobalVmEnd[] = "QuilletEndGlobal\n";
 // - QuilletShowMarkedPage -  Marks the page for the guard and shows it with
 // the real showpage.
 const char ShowMarkedPageProcedure[] =
@@ -439,15 +436,11 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         Insertions::end(out);
     }
     copyHead(reader, outputTarget, model.firstPageLine - insertionLine, outputPages);
-    if (safeOutput) {
-        Insertions::begin(out);
-        out.write(GlobalVmBegin);
-    }
+    if (safeOutput)
+        Insertions::beginMarkerFonts(out);
     Fonts::instance().writeFontResources(out, [&outputTarget](QFile& file) { outputTarget.append(file); });
-    if (safeOutput) {
-        out.write(GlobalVmEnd);
-        Insertions::end(out);
-    }
+    if (safeOutput)
+        Insertions::endMarkerFonts(out);
     copyLines(reader, outputTarget, 1);
 
     MarkerBlocks marker(Marker::instance());

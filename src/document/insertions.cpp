@@ -6,6 +6,7 @@
 
 #include "document/linereader.h"
 
+#include <QByteArray>
 #include <QCoreApplication>
 #include <QFileDevice>
 #include <QIODevice>
@@ -16,6 +17,10 @@ namespace {
 
 const char BeginLine[] = "%quillet-insertion-begin\n";
 const char EndLine[] = "%quillet-insertion-end\n";
+// - -  Around the marker fonts: allocates them in global VM (QuilletGlobal
+// and QuilletEndGlobal come with the page guard, in the output writer).
+const char GlobalVmBegin[] = "QuilletGlobal\n";
+const char GlobalVmEnd[] = "QuilletEndGlobal\n";
 const char ReplacedLine[] = "%quillet-replaced: ";
 const char ReplacedLastLine[] = "%quillet-replaced-unended: ";
 
@@ -116,6 +121,28 @@ void begin(QIODevice& output)
 void end(QIODevice& output)
 {
     output.write(EndLine);
+}
+
+void beginMarkerFonts(QIODevice& output)
+{
+    begin(output);
+    output.write(GlobalVmBegin);
+}
+
+void endMarkerFonts(QIODevice& output)
+{
+    output.write(GlobalVmEnd);
+    end(output);
+}
+
+bool opensMarkerFonts(const QByteArray& line, const QByteArray& next)
+{
+    return line == BeginLine && next == GlobalVmBegin;
+}
+
+bool isEnd(const QByteArray& line)
+{
+    return line == EndLine;
 }
 
 void recordReplaced(QIODevice& output, std::string_view original)

@@ -11,6 +11,7 @@
 
 class LineReader;
 class QFileDevice;
+class QByteArray;
 class QIODevice;
 
 namespace Insertions {
@@ -18,6 +19,18 @@ namespace Insertions {
 // Opens and closes an insertion.
 void begin(QIODevice& output);
 void end(QIODevice& output);
+
+// Opens and closes the insertion of the marker fonts. What it defines goes
+// to global VM, which no restore takes back: a stream that joins several
+// marked copies of one document, each in a save and restore of its own,
+// needs the fonts of the first copy only.
+void beginMarkerFonts(QIODevice& output);
+void endMarkerFonts(QIODevice& output);
+
+// Whether two lines open the insertion of the marker fonts, and whether a
+// line ends an insertion.
+bool opensMarkerFonts(const QByteArray& line, const QByteArray& next);
+bool isEnd(const QByteArray& line);
 
 // Records the original of a line that the next line written replaces.
 void recordReplaced(QIODevice& output, std::string_view original);

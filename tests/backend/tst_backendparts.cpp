@@ -52,6 +52,8 @@ class TestBackendParts : public QObject
     void copyRequestTakenBackToOne_data();
     void copyRequestTakenBackToOne();
     void copiesAreEncapsulated();
+    void markerFontsGoOnceIntoTheStream_data();
+    void markerFontsGoOnceIntoTheStream();
     void proofSheetsAreCounted_data();
     void proofSheetsAreCounted();
     void printerOutputIsPlanned_data();
@@ -345,11 +347,12 @@ void TestBackendParts::copiesAreEncapsulated()
     QByteArray stream;
     QBuffer out(&stream);
     QVERIFY(out.open(QIODevice::WriteOnly));
+    QByteArray fonts;
     for (int copy = 0; copy < 2; ++copy) {
         QByteArray document = minimalDocument(1);
         QBuffer in(&document);
         QVERIFY(in.open(QIODevice::ReadOnly));
-        QVERIFY(appendMarkedCopy(in, out));
+        QVERIFY(appendMarkedCopy(in, out, &fonts));
     }
     // Each copy keeps "%!" as its first line and runs between a save and
     // its restore.
@@ -358,6 +361,86 @@ void TestBackendParts::copiesAreEncapsulated()
     QCOMPARE(stream.count("userdict /quilletCopyState get restore\n"), 2);
     QVERIFY(stream.endsWith("%%EOF\n\nclear { countdictstack 3 le { exit } if end } loop\n"
                             "userdict /quilletCopyState get restore\n"));
+}
+
+// A marked copy as print-safe output writes it: a head, the marker fonts'
+// insertion before the first page, the page.
+QByteArray markedCopy(const QByteArray& fonts, int copy)
+{
+    return "%!PS-Adobe-3.0\n%quillet-insertion-begin\n/QuilletGlobal { currentglobal true setglobal } def\n"
+           "%quillet-insertion-end\n%%EndSetup\n" +
+           fonts + "%%Page: 1 1\n(Copy " + QByteArray::number(copy) + ") show\nshowpage\n%%EOF\n";
+}
+
+const char FontsInsertion[] = "%quillet-insertion-begin\nQuilletGlobal\n%%BeginResource: font Sans\n"
+                              "/Sans 10 dict definefont pop\n%%EndResource\nQuilletEndGlobal\n"
+                              "%quillet-insertion-end\n";
+
+void TestBackendParts::markerFontsGoOnceIntoTheStream_data()
+{
+    QTest::addColumn<QList<QByteArray>>("copies");
+    QTest::addColumn<QList<QByteArray>>("expected");
+    QTest::addColumn<bool>("joined");
+
+    const QByteArray fonts(FontsInsertion);
+    const QByteArray other = QByteArray(FontsInsertion).replace("Sans", "Serif");
+    const QByteArray unended = QByteArray(FontsInsertion).replace("%quillet-insertion-end\n", "");
+    QTest::newRow("three copies, the fonts in the first")
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy(fonts, 2), markedCopy(fonts, 3)}
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy({}, 2), markedCopy({}, 3)} << true;
+    QTest::newRow("a copy with other fonts keeps them")
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy(other, 2), markedCopy(fonts, 3)}
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy(other, 2), markedCopy({}, 3)} << true;
+    QTest::newRow("copies without marker fonts")
+        << QList<QByteArray>{markedCopy({}, 1), markedCopy({}, 2)}
+        << QList<QByteArray>{markedCopy({}, 1), markedCopy({}, 2)} << true;
+    QTest::newRow("fonts of the first copy only")
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy({}, 2)}
+        << QList<QByteArray>{markedCopy(fonts, 1), markedCopy({}, 2)} << true;
+    QTest::newRow("fonts insertion without its end")
+        << QList<QByteArray>{markedCopy(unended, 1)} << QList<QByteArray>{} << false;
+    // Only the insertion that opens with the global allocation is the
+    // fonts'; the others of every copy stay.
+    const QByteArray pageBlock = "%quillet-insertion-begin\nQuilletGlobal {\n} QuilletPageStart\n"
+                                 "%quillet-insertion-end\n";
+    QTest::newRow("a page's insertion is not the fonts'")
+        << QList<QByteArray>{markedCopy(pageBlock, 1), markedCopy(pageBlock, 2)}
+        << QList<QByteArray>{markedCopy(pageBlock, 1), markedCopy(pageBlock, 2)} << true;
+}
+
+// Every copy after the first leaves out the marker fonts that the first
+// copy defined in global VM, and keeps everything else.
+void TestBackendParts::markerFontsGoOnceIntoTheStream()
+{
+    QFETCH(QList<QByteArray>, copies);
+    QFETCH(QList<QByteArray>, expected);
+    QFETCH(bool, joined);
+
+    QByteArray stream;
+    QBuffer out(&stream);
+    QVERIFY(out.open(QIODevice::WriteOnly));
+    QByteArray fonts;
+    bool allJoined = true;
+    for (QByteArray copy : copies) {
+        QBuffer in(&copy);
+        QVERIFY(in.open(QIODevice::ReadOnly));
+        allJoined = allJoined && appendMarkedCopy(in, out, &fonts);
+    }
+    QCOMPARE(allJoined, joined);
+    if (!joined)
+        return;
+    QByteArray wanted;
+    QBuffer want(&wanted);
+    QVERIFY(want.open(QIODevice::WriteOnly));
+    for (const QByteArray& copy : expected) {
+        // The expected copy as it stands in the stream: its first line, the
+        // copy's save, the rest and the restore.
+        const int firstLineEnd = copy.indexOf('\n') + 1;
+        wanted +=
+            copy.left(firstLineEnd) + "userdict /quilletCopyState save put\n" + copy.mid(firstLineEnd) +
+            "\nclear { countdictstack 3 le { exit } if end } loop\nuserdict /quilletCopyState get restore\n";
+    }
+    QCOMPARE(stream, wanted);
 }
 
 // A binary PBM image as Ghostscript writes it, rows of zero bytes.

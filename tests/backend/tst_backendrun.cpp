@@ -138,12 +138,21 @@ class BackendRig
         writeFile(m_ppd, QByteArray(TwoSidedPpd).replace("@DUPLEX@", duplex));
     }
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
+    // Gives the backend's temporary folder only `size` of space (as mount's
+    // size=, "8m").
+    void limitTemporarySpace(const QString& size) { m_temporarySpace = size; }
 
     // The sandbox command line that runs `program` with quillet and its
     // catalogue at their installed paths.
     QStringList sandboxArguments(const QStringList& command) const
     {
-        return QStringList{QStringLiteral("--bind"),
+        // The backend's temporary folder with only so much space.
+        const QStringList space =
+            m_temporarySpace.isEmpty()
+                ? QStringList()
+                : QStringList{QStringLiteral("--tmpfs"), m_temporarySpace, m_dir.filePath("tmp")};
+        return space +
+               QStringList{QStringLiteral("--bind"),
                            m_tree.shareCups(),
                            QLatin1String(CupsDataDir),
                            QStringLiteral("--bind"),
@@ -203,6 +212,7 @@ class BackendRig
     QTemporaryDir m_dir;
     FixtureTree m_tree;
     QString m_ppd;
+    QString m_temporarySpace;
 };
 
 QStringList jobArguments(const QString& file, const QString& copies = QStringLiteral("2"))
@@ -253,6 +263,10 @@ class TestBackendRun : public QObject
     void auditRecordAndTheUsersName();
     void siteKeyProblemsRefuseTheJob_data();
     void siteKeyProblemsRefuseTheJob();
+    void copiesCostOneMarkedCopy_data();
+    void copiesCostOneMarkedCopy();
+    void pagesTimesCopiesAreLimited_data();
+    void pagesTimesCopiesAreLimited();
 };
 
 void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
@@ -742,6 +756,115 @@ void TestBackendRun::siteKeyProblemsRefuseTheJob()
              run.standardError.constData());
     QVERIFY(run.standardError.contains("outcome=refused reason="));
     QVERIFY(!QFileInfo::exists(rig.path("out/data")));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+// The marker fonts' insertion in a marked copy or stream.
+const char MarkerFontsOpening[] = "%quillet-insertion-begin\nQuilletGlobal\n";
+
+void TestBackendRun::copiesCostOneMarkedCopy_data()
+{
+    QTest::addColumn<int>("copies");
+    QTest::newRow("1 copy") << 1;
+    QTest::newRow("10 copies") << 10;
+    QTest::newRow("100 copies") << 100;
+}
+
+// A one-page job prints its copies with the backend's temporary folder
+// holding little more than one marked copy (the marker fonts alone are
+// about 440 KB a copy), and the data sent carries the marker fonts once.
+void TestBackendRun::copiesCostOneMarkedCopy()
+{
+    QFETCH(int, copies);
+    BackendRig rig;
+    rig.setTemplate(QByteArray(Template) +
+                    "any:bold:12::label:top-center:Kestrel Restricted\n"
+                    "any:normal:9::page:bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n");
+    writeFile(rig.path("one.ps"), minimalDocument(1));
+    // 3 MB: the stream of 100 copies and one marked copy beside it; a copy
+    // of its own per marked copy would need 45 MB for 100.
+    rig.limitTemporarySpace(QStringLiteral("3m"));
+    const RunResult run = rig.run(jobArguments(rig.path("one.ps"), QString::number(copies)));
+    QVERIFY2(run.exitCode == 0, run.standardError.right(3000).constData());
+
+    const QByteArray stream = readFile(rig.path("out/data"));
+    QCOMPARE(stream.count(MarkerFontsOpening), 1);
+    const int fontsStart = stream.indexOf(MarkerFontsOpening);
+    const int fontsEnd = stream.indexOf("%quillet-insertion-end\n", fontsStart);
+    QVERIFY(fontsEnd > fontsStart);
+    const qint64 fonts = fontsEnd - fontsStart;
+    QVERIFY2(fonts > 100000, qPrintable(QString::number(fonts)));
+    // What each copy adds besides the fonts: its page and its marks.
+    const qint64 perCopy = (stream.size() - fonts) / copies;
+    qInfo("%d copies: %lld bytes sent, %lld of them the marker fonts, %lld per copy", copies,
+          qint64(stream.size()), fonts, perCopy);
+    QVERIFY2(perCopy < 30000, qPrintable(QString::number(perCopy)));
+
+    // Every sheet is marked, with its own copy's number.
+    QTemporaryDir work;
+    QString error;
+    const QList<Sheet> sheets = readSheets(rig.path("out/data"), work.path(), &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    MarkExpectation marks;
+    marks.labelWords = QStringList{QStringLiteral("Kestrel"), QStringLiteral("Restricted")};
+    marks.pages = 1;
+    marks.copies = copies;
+    const QStringList problems = markedSheetProblems(sheets, marks);
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.join(QLatin1Char('\n'))));
+    for (int copy = 1; copy <= copies; ++copy) {
+        const QString expected = QStringLiteral("Copy %1 of %2").arg(copy).arg(copies);
+        QVERIFY2(sheets.at(copy - 1).text().contains(expected), qPrintable(sheets.at(copy - 1).text()));
+    }
+    QCOMPARE(rig.auditRecords().value(0).sheetsSent, qint64(copies));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::pagesTimesCopiesAreLimited_data()
+{
+    QTest::addColumn<QByteArray>("setting");
+    QTest::addColumn<int>("copies");
+    QTest::addColumn<bool>("printed");
+    QTest::addColumn<QByteArray>("message");
+    // The job's document has two pages.
+    QTest::newRow("under the default limit") << QByteArray() << 3 << true << QByteArray();
+    QTest::newRow("over the default limit")
+        << QByteArray() << 9999 << false
+        << QByteArray("the job would print 19998 pages (9999 copies of 2), more than the queue's limit of "
+                      "10000 (MarkerJobPageLimit)");
+    QTest::newRow("at the queue's limit")
+        << QByteArray("MarkerJobPageLimit=6\n") << 3 << true << QByteArray();
+    QTest::newRow("over the queue's limit")
+        << QByteArray("MarkerJobPageLimit=5\n") << 3 << false
+        << QByteArray("the job would print 6 pages (3 copies of 2), more than the queue's limit of 5 "
+                      "(MarkerJobPageLimit)");
+    QTest::newRow("limit that is not a number")
+        << QByteArray("MarkerJobPageLimit=many\n") << 1 << false
+        << QByteArray("MarkerJobPageLimit must be a whole number from 1 to 1000000, not 'many'");
+}
+
+// A job whose pages times copies exceed the queue's limit is refused before
+// anything is sent, and before its other copies are marked.
+void TestBackendRun::pagesTimesCopiesAreLimited()
+{
+    QFETCH(QByteArray, setting);
+    QFETCH(int, copies);
+    QFETCH(bool, printed);
+    QFETCH(QByteArray, message);
+    BackendRig rig;
+    rig.setTemplate(Template);
+    rig.setVariables(setting);
+    QElapsedTimer timer;
+    timer.start();
+    const RunResult run = rig.run(jobArguments(rig.path("job.ps"), QString::number(copies)));
+    QCOMPARE(run.exitCode == 0, printed);
+    QCOMPARE(QFileInfo::exists(rig.path("out/data")), printed);
+    QVERIFY2(run.standardError.contains(message), run.standardError.right(3000).constData());
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().outcome, QLatin1String(printed ? AuditSent : AuditRefused));
+    QCOMPARE(records.first().sheetsSent, qint64(printed ? 2 * copies : 0));
+    // 9,999 copies are not marked first: the refusal takes seconds.
+    QVERIFY2(timer.elapsed() < 60000, qPrintable(QString::number(timer.elapsed())));
     QCOMPARE(rig.leftovers(), QStringList());
 }
 

@@ -281,6 +281,8 @@ void TestPrintQueue::initTestCase()
     submit(QStringLiteral("after raw binary"), QStringLiteral("marked"), plain, 2, 1);
     submit(QStringLiteral("copies made by the filters"), QStringLiteral("marked"), postscript, 0, 2,
            {QStringLiteral("collate=true")});
+    // 3 pages x 9,999 copies: over the default limit of pages x copies.
+    submit(QStringLiteral("too many copies"), QStringLiteral("marked"), postscript, 0, 9999);
     submit(QStringLiteral("no template"), QStringLiteral("bare"), postscript, 0, 1);
     submit(QStringLiteral("duplex"), QStringLiteral("duplex"), postscript, 3, 2, {}, 2);
     submit(QStringLiteral("stamped"), QStringLiteral("stamped"), postscript, 3, 3);
@@ -466,6 +468,8 @@ void TestPrintQueue::refusedJobSendsNothing_data()
     QTest::newRow("raw binary data") << QStringLiteral("raw binary") << QStringLiteral("not PostScript");
     QTest::newRow("copies repeated by the filters")
         << QStringLiteral("copies made by the filters") << QStringLiteral("repeated the 2 copies");
+    QTest::newRow("pages x copies over the queue's limit")
+        << QStringLiteral("too many copies") << QStringLiteral("29997 pages (9999 copies of 3)");
     QTest::newRow("queue without template")
         << QStringLiteral("no template") << QStringLiteral("has no template");
     QTest::newRow("device URI wrapping quillet") << QStringLiteral("wrapped URI") << QStringLiteral("wraps");
