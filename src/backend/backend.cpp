@@ -637,8 +637,10 @@ bool JobRun::convert(QString* error)
 
 // Before the first byte: what would be sent prints on the server without an
 // error and shows exactly the sheets that the marked copies hold. PostScript
-// and PDF run in Ghostscript, which draws every sheet at a low resolution;
-// a raster or PCL XL is read page by page.
+// runs in Ghostscript, which draws every sheet at a low resolution. A PDF
+// came out of Ghostscript runs over the whole stream, which stop at its
+// first error; Poppler counts its pages. A raster or PCL XL is read page by
+// page.
 bool JobRun::prove(QString* error)
 {
     const bool postscript = m_output.format == OutputFormat::PostScript;
@@ -653,16 +655,32 @@ bool JobRun::prove(QString* error)
     qint64 sheets = -1;
     if (postscript || m_output.format == OutputFormat::Pdf) {
         const QString step = m_folder.createStep(QStringLiteral("proof"), m_uid, m_gid);
+        SandboxSpec spec = sandboxSpec(step);
+        QList<QByteArray> command;
+        int input = -1;
+        if (postscript) {
+            command = proofCommand(sandboxOutput(QStringLiteral("sheets.pbm")));
+            input = data.handle();
+        } else {
+            spec.inputFiles << qMakePair(m_printFile, QStringLiteral("print.pdf"));
+            command = pdfPageCountCommand(sandboxInput(QStringLiteral("print.pdf")));
+        }
+        const QString messages = m_folder.file(QStringLiteral("proof.err"));
         QString failure;
         if (step.isEmpty() ||
-            !runSandboxed(QStringLiteral("the proof"), sandboxSpec(step),
-                          proofCommand(sandboxOutput(QStringLiteral("sheets.pbm"))), data.handle(),
-                          m_folder.file(QStringLiteral("proof.err")), &failure)) {
+            !runSandboxed(QStringLiteral("the proof"), spec, command, input, messages, &failure)) {
             *error = QStringLiteral("%1 does not print cleanly (%2)").arg(what, failure);
             return false;
         }
-        QFile drawn;
-        sheets = openStepFile(drawn, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(drawn) : -1;
+        QFile result;
+        if (postscript) {
+            sheets =
+                openStepFile(result, step + QStringLiteral("/sheets.pbm")) ? countProofSheets(result) : -1;
+        } else {
+            // The report on standard output, in the backend's own folder.
+            result.setFileName(messages + QStringLiteral(".out"));
+            sheets = result.open(QIODevice::ReadOnly) ? pdfPageCount(result.read(1 << 16)) : -1;
+        }
     } else {
         sheets = countConvertedPages(m_output.format, data);
     }

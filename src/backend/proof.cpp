@@ -14,6 +14,9 @@ namespace
 // drawing operator as it would for a printer, small enough to cost little.
 const char ProofResolution[] = "-r20";
 
+// The line of pdfinfo's report that gives the page count.
+const char PagesLine[] = "Pages:";
+
 bool isSpace(char c)
 {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
@@ -63,6 +66,26 @@ QList<QByteArray> proofCommand(const QString& sheets)
             ProofResolution,
             "-sOutputFile=" + QFile::encodeName(sheets),
             "-_"};
+}
+
+QList<QByteArray> pdfPageCountCommand(const QString& pdf)
+{
+    return {PdfinfoPath, QFile::encodeName(pdf)};
+}
+
+qint64 pdfPageCount(const QByteArray& report)
+{
+    qint64 pages = -1;
+    for (const QByteArray& line : report.split('\n')) {
+        if (!line.startsWith(PagesLine))
+            continue;
+        bool ok = false;
+        const qint64 value = line.mid(int(qstrlen(PagesLine))).trimmed().toLongLong(&ok, 10);
+        if (!ok || value < 0 || pages >= 0)
+            return -1;
+        pages = value;
+    }
+    return pages;
 }
 
 qint64 countProofSheets(QIODevice& sheets)

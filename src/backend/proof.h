@@ -14,6 +14,14 @@ class QIODevice;
 // `sheets`.
 QList<QByteArray> proofCommand(const QString& sheets);
 
+// The command that tells about the PDF `pdf` on its standard output, its
+// page count among it.
+QList<QByteArray> pdfPageCountCommand(const QString& pdf);
+
+// The page count in what that command printed: the one "Pages:" line with a
+// whole number; -1 when there is none, or more than one.
+qint64 pdfPageCount(const QByteArray& report);
+
 // The number of sheets in what the proof wrote: a run of binary PBM images
 // ("P4", width, height, then the rows). -1 when the data is not such a run
 // (cut short, or something else). `sheets` is a regular file.

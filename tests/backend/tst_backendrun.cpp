@@ -267,6 +267,8 @@ class TestBackendRun : public QObject
     void copiesCostOneMarkedCopy();
     void pagesTimesCopiesAreLimited_data();
     void pagesTimesCopiesAreLimited();
+    void pdfForThePrinterIsProven_data();
+    void pdfForThePrinterIsProven();
 };
 
 void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
@@ -865,6 +867,54 @@ void TestBackendRun::pagesTimesCopiesAreLimited()
     QCOMPARE(records.first().sheetsSent, qint64(printed ? 2 * copies : 0));
     // 9,999 copies are not marked first: the refusal takes seconds.
     QVERIFY2(timer.elapsed() < 60000, qPrintable(QString::number(timer.elapsed())));
+    QCOMPARE(rig.leftovers(), QStringList());
+}
+
+void TestBackendRun::pdfForThePrinterIsProven_data()
+{
+    QTest::addColumn<QByteArray>("variables");
+    QTest::addColumn<QByteArray>("document");
+    QTest::addColumn<int>("sentPages");
+    QTest::addColumn<QByteArray>("message");
+    QTest::newRow("two pages, two copies")
+        << QByteArray("MarkerOutputFormat=pdf\n") << minimalDocument(2) << 4 << QByteArray();
+    // Without the trusted interpreter the document's own code runs while
+    // the stream is written as PDF: its error stops the job.
+    QByteArray failing = minimalDocument(2);
+    failing.replace("%%Page: 2 2\n", "%%Page: 2 2\nnosuchoperator\n");
+    QTest::newRow("an error on the second page")
+        << QByteArray("MarkerOutputFormat=pdf\nMarkerTrustedInterpreter=0\n") << failing << 0
+        << QByteArray("the marked stream cannot be written as pdf: the converter failed with status 1");
+}
+
+// A printer that takes PDF gets a PDF of every marked sheet, which Ghostscript
+// wrote from the whole stream without an error and whose pages Poppler
+// counted; otherwise nothing.
+void TestBackendRun::pdfForThePrinterIsProven()
+{
+    QFETCH(QByteArray, variables);
+    QFETCH(QByteArray, document);
+    QFETCH(int, sentPages);
+    QFETCH(QByteArray, message);
+    BackendRig rig;
+    rig.setTemplate(Template);
+    rig.setVariables(variables);
+    writeFile(rig.path("document.ps"), document);
+    const RunResult run = rig.run(jobArguments(rig.path("document.ps")));
+    QVERIFY2(run.standardError.contains(message), run.standardError.right(3000).constData());
+    QCOMPARE(run.exitCode == 0, sentPages > 0);
+    QCOMPARE(QFileInfo::exists(rig.path("out/data")), sentPages > 0);
+    if (sentPages > 0) {
+        QVERIFY(readFile(rig.path("out/data")).startsWith("%PDF-"));
+        const RunResult info = runProgram(QStringLiteral("pdfinfo"), {rig.path("out/data")});
+        QVERIFY2(info.standardOutput.contains(QByteArray("\nPages:           ") +
+                                              QByteArray::number(sentPages) + '\n'),
+                 info.standardOutput.constData());
+    }
+    const QList<AuditRecord> records = rig.auditRecords();
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().format, QStringLiteral("pdf"));
+    QCOMPARE(records.first().sheetsSent, qint64(sentPages));
     QCOMPARE(rig.leftovers(), QStringList());
 }
 
