@@ -6,6 +6,7 @@
 #include "backend/deviceuri.h"
 #include "backend/jobvariables.h"
 #include "common/auditrecord.h"
+#include "common/filename.h"
 #include "backend/printeroutput.h"
 #include "backend/printersetup.h"
 #include "backend/queuesettings.h"
@@ -51,9 +52,18 @@ QString queueText(const char* text)
 
 void printOut(const QString& text)
 {
-    const QByteArray bytes = text.toLocal8Bit() + '\n';
+    // File names in the text are written as the bytes they were given as.
+    const QByteArray bytes = encodeFileName(text) + '\n';
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
     std::fflush(stdout);
+}
+
+// An argument that is not a file name (a command, a queue name, a device
+// URI, a label), as text: bytes that the locale's encoding cannot read are
+// replacement characters, as QCoreApplication::arguments() gives them.
+QString argumentText(const QString& argument)
+{
+    return QString::fromLocal8Bit(encodeFileName(argument));
 }
 
 int usageError(const QString& message)
@@ -79,10 +89,12 @@ QString siteDefinitionsFile()
     return QLatin1String(CupsServerRoot) + QStringLiteral("/marker.defs");
 }
 
+// The name is taken byte for byte (see common/filename.h): a template given
+// on the command line may have any name the file system takes.
 QByteArray readAll(const QString& path, bool* ok = nullptr)
 {
-    QFile file(path);
-    const bool opened = file.open(QIODevice::ReadOnly);
+    QFile file;
+    const bool opened = openFileByName(file, path, QIODevice::ReadOnly);
     if (ok)
         *ok = opened;
     return opened ? file.readAll() : QByteArray();
@@ -773,14 +785,19 @@ int queueMain(int argc, char* argv[])
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
 
-    if (!parser.parse(QCoreApplication::arguments()))
+    // The arguments as bytes: QCoreApplication::arguments() loses the bytes
+    // of a file name that the locale's encoding cannot read. Only --template
+    // is a file; the other values are text (see argumentText()).
+    if (!parser.parse(decodedArguments(argc, argv)))
         return usageError(parser.errorText());
     if (parser.isSet(helpOption))
         parser.showHelp(0);
     if (parser.isSet(versionOption))
         parser.showVersion();
 
-    const QStringList arguments = parser.positionalArguments();
+    QStringList arguments = parser.positionalArguments();
+    for (QString& argument : arguments)
+        argument = argumentText(argument);
     const QString command = arguments.value(0);
     const bool createOptions = parser.isSet(labelOption) || parser.isSet(templateOption) ||
                                parser.isSet(backPagesOption) || parser.isSet(pageCodesOption);
@@ -808,7 +825,7 @@ int queueMain(int argc, char* argv[])
         CreateRequest request;
         request.queue = arguments.at(1);
         request.deviceUri = arguments.at(2);
-        request.label = parser.value(labelOption).trimmed();
+        request.label = argumentText(parser.value(labelOption)).trimmed();
         request.templateFile = parser.value(templateOption);
         request.backPages = parser.isSet(backPagesOption);
         request.pageCodes = parser.isSet(pageCodesOption);

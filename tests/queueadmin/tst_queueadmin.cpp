@@ -22,7 +22,9 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -92,6 +94,36 @@ enum class Breakage {
     AuditLogUnwritable,
 };
 
+// A file written through the bytes of its name, which need not be text in
+// any encoding.
+bool writeRaw(const QByteArray& path, const QByteArray& content)
+{
+    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    const bool written = ::write(fd, content.constData(), size_t(content.size())) == content.size();
+    return ::close(fd) == 0 && written;
+}
+
+// A shell command that sets `variable` to exactly these bytes: printf makes
+// them from octal escapes (a trailing "x" keeps line feeds at the end from
+// the command substitution).
+QByteArray shellAssignment(const QByteArray& variable, const QByteArray& bytes)
+{
+    QByteArray format;
+    for (const char c : bytes)
+        format += '\\' + QByteArray::number(uchar(c), 8).rightJustified(3, '0');
+    return variable + "=$(printf '" + format + "x'); " + variable + "=${" + variable + "%x}; ";
+}
+
+// Removes a file by the bytes of its name when it goes out of scope: the
+// work folder's own removal goes through names as text, which loses such
+// names.
+struct RawFileRemover {
+    QByteArray path;
+    ~RawFileRemover() { ::unlink(path.constData()); }
+};
+
 QStringList outputLines(const RunResult& run)
 {
     return QString::fromLocal8Bit(run.standardOutput).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -133,6 +165,8 @@ class TestQueueAdmin : public QObject
     void cleanupTestCase();
     void createMakesAGoodQueue();
     void createAgainChangesNothing();
+    void createTakesATemplateOfAnyName_data();
+    void createTakesATemplateOfAnyName();
     void everyPageOfEveryCopyIsMarked_data();
     void everyPageOfEveryCopyIsMarked();
     void brokenSetupGivesItsProblem_data();
@@ -144,6 +178,9 @@ class TestQueueAdmin : public QObject
   private:
     // Runs quillet-queue in the print server's mount namespace against it.
     RunResult queueCommand(const QStringList& arguments) const;
+    // The same with arguments handed over byte for byte, through a shell in
+    // the server's namespace, under the locale `lang`.
+    RunResult queueCommandWithBytes(const QList<QByteArray>& arguments, const QString& lang) const;
     // Makes a queue with create and checks that it went well.
     void createQueue(const QString& queue, const QStringList& options);
     QString queueFile(const QString& queue, const char* suffix) const;
@@ -167,6 +204,26 @@ RunResult TestQueueAdmin::queueCommand(const QStringList& arguments) const
                       {QStringLiteral("CUPS_SERVER=") + m_socket,
                        QStringLiteral("CUPS_SERVERROOT=") + m_server.serverRoot(), QStringLiteral("LC_ALL=C"),
                        QStringLiteral("LANG=C")},
+                      m_work.path(), 300000);
+}
+
+RunResult TestQueueAdmin::queueCommandWithBytes(const QList<QByteArray>& arguments, const QString& lang) const
+{
+    QByteArray script;
+    QByteArray words;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QByteArray variable = "a" + QByteArray::number(i);
+        script += shellAssignment(variable, arguments.at(i));
+        words += " \"$" + variable + '"';
+    }
+    script += "exec \"$0\"" + words;
+    return runProgram(QStringLiteral("nsenter"),
+                      {QStringLiteral("-t"), QString::number(m_serverPid), QStringLiteral("-m"),
+                       QStringLiteral("--"), QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+                       QString::fromLatin1(script), QStringLiteral(QUILLET_QUEUE_EXECUTABLE)},
+                      {QStringLiteral("CUPS_SERVER=") + m_socket,
+                       QStringLiteral("CUPS_SERVERROOT=") + m_server.serverRoot(), QStringLiteral("LC_ALL="),
+                       QStringLiteral("LANG=") + lang},
                       m_work.path(), 300000);
 }
 
@@ -308,6 +365,56 @@ void TestQueueAdmin::createAgainChangesNothing()
     QVERIFY2(output.contains(QStringLiteral("kept the policy quillet")), qPrintable(output));
     QVERIFY2(!output.contains(QStringLiteral("wrote ")) && !output.contains(QStringLiteral("updated ")),
              qPrintable(output));
+}
+
+void TestQueueAdmin::createTakesATemplateOfAnyName_data()
+{
+    QTest::addColumn<QString>("queue");
+    QTest::addColumn<QByteArray>("name"); // of the template file, in the work folder
+    QTest::addColumn<QString>("lang");
+    QTest::addColumn<bool>("present");
+
+    QTest::newRow("ASCII name") << "named-ascii" << QByteArray("site.tmpl") << "C.UTF-8" << true;
+    QTest::newRow("invalid UTF-8 under a UTF-8 locale")
+        << "named-bytes-utf8" << QByteArray("\xff\xfe") << "C.UTF-8" << true;
+    QTest::newRow("invalid UTF-8 under C") << "named-bytes-c" << QByteArray("\xff\xfe") << "C" << true;
+    QTest::newRow("Latin-1 letters under a UTF-8 locale")
+        << "named-latin1" << QByteArray("r\xe9sum\xe9 \xc4rger.tmpl") << "C.UTF-8" << true;
+    QTest::newRow("cut UTF-8 sequence and a line feed")
+        << "named-cut" << QByteArray("\xd0\xb4\xd0\nend") << "C.UTF-8" << true;
+    QTest::newRow("missing file of invalid UTF-8")
+        << "named-missing" << QByteArray("absent-\xff\xfe.tmpl") << "C.UTF-8" << false;
+}
+
+// create copies the template that --template names, whatever bytes its name
+// is made of; a template that is not there is named in the message by the
+// bytes it was given as.
+void TestQueueAdmin::createTakesATemplateOfAnyName()
+{
+    QFETCH(QString, queue);
+    QFETCH(QByteArray, name);
+    QFETCH(QString, lang);
+    QFETCH(bool, present);
+
+    const QByteArray file = QFile::encodeName(m_work.path()) + '/' + name;
+    const RawFileRemover remover{file};
+    if (present)
+        QVERIFY(writeRaw(file, ThreeKindTemplate));
+    const RunResult run = queueCommandWithBytes({"create", queue.toUtf8(), m_printer->socketUri().toUtf8(),
+                                                 "--label", "NAMED_TEMPLATE", "--template", file},
+                                                lang);
+    if (!present) {
+        QVERIFY2(run.exitCode == 1, qPrintable(describe(run)));
+        QVERIFY2(run.standardError.contains("Can not read the template " + file + '\n'),
+                 qPrintable(describe(run)));
+        QVERIFY(!QFileInfo::exists(queueFile(queue, ".tmpl")));
+        return;
+    }
+    QVERIFY2(run.exitCode == 0, qPrintable(describe(run)));
+    QCOMPARE(readFile(queueFile(queue, ".tmpl")), QByteArray(ThreeKindTemplate));
+    QVERIFY2(outputLines(run).last() ==
+                 queue + QStringLiteral(": ready: its jobs are marked with the label \"NAMED_TEMPLATE\""),
+             qPrintable(describe(run)));
 }
 
 void TestQueueAdmin::everyPageOfEveryCopyIsMarked_data()
