@@ -6,7 +6,8 @@
 # CUPS print server with its client programs and filters, which the print
 # queue tests run privately, and the simulated driverless printer
 # ippeveprinter with ipptool, which needs its own D-Bus bus and avahi-daemon,
-# and tesseract, which reads the marks off the raster pages it receives);
+# and tesseract, which reads the marks off the raster pages it receives;
+# and lintian, which checks the Debian package);
 # with --bench, also what scripts/bench.sh runs (enscript, CUPS's pstops and
 # gstopdf filters, the PPD compiler, GNU time, and for the driverless part a
 # private print server and the simulated driverless printer);
@@ -35,6 +36,7 @@ test_packages=(
     cups cups-client cups-filters
     cups-ipp-utils avahi-daemon dbus-daemon dbus-bin
     tesseract-ocr
+    lintian
 )
 bench_packages=(
     enscript cups-core-drivers cups-filters cups-ppdc time
