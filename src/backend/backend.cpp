@@ -28,6 +28,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cups/ipp.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -210,7 +212,8 @@ class JobRun
     bool openStream(QFile& stream, QString* error);
     bool joinCopy(int copy, QFile& stream, QString* error);
     qint64 sheetsPerCopy() const;
-    ChildCommand realBackendCommand(const QString& program, int input) const;
+    ChildCommand realBackendCommand(const QString& program, int input);
+    bool printerAbortedJob(int* printerJob) const;
 
     QList<QByteArray> m_argv;
     JobFacts m_job;
@@ -247,6 +250,8 @@ class JobRun
     bool m_userAuthenticated = false;
     QString m_auditLogFile;
     QString m_pageCodeKeyIdentity;
+    // The job's number at a driverless printer, as the ipp backend said.
+    int m_printerJob = 0;
 };
 
 JobRun::JobRun(int argc, char* argv[])
@@ -738,6 +743,18 @@ int JobRun::send()
         }
         return RefusedJobStatus;
     }
+    int printerJob = 0;
+    if (result.exitStatus == BackendOk && printerAbortedJob(&printerJob)) {
+        m_deviceStatus = RefusedJobStatus;
+        message(
+            QStringLiteral("ERROR: quillet: the printer took job %1 as its job %2 and then did not print it")
+                .arg(logText(m_job.jobId))
+                .arg(printerJob));
+        audit(AuditDeviceFailed, QStringLiteral("the printer ended its job %1 without printing it; %2")
+                                     .arg(printerJob)
+                                     .arg(taken));
+        return m_deviceStatus;
+    }
     if (result.exitStatus != BackendOk) {
         m_deviceStatus = result.exitStatus > 0 ? result.exitStatus : BackendFailed;
         audit(AuditDeviceFailed, QStringLiteral("the backend %1 ended with status %2; %3")
@@ -751,6 +768,19 @@ int JobRun::send()
     message(QStringLiteral("PAGE: total %1").arg(m_sent));
     audit(AuditSent);
     return BackendOk;
+}
+
+// A driverless printer may take a job and then abort it, while CUPS's ipp
+// backend still ends as if it had printed: the printer is asked how the job
+// that the backend named ended. A printer that does not say counts as having
+// printed it.
+bool JobRun::printerAbortedJob(int* printerJob) const
+{
+    *printerJob = m_printerJob;
+    if (m_printerJob <= 0)
+        return false;
+    const int state = printerJobState(m_device.uri, m_printerJob, PrinterQueryTimeoutMs);
+    return state == IPP_JSTATE_CANCELED || state == IPP_JSTATE_ABORTED;
 }
 
 qint64 JobRun::sheetsPerCopy() const
@@ -1046,7 +1076,7 @@ bool JobRun::joinCopy(int copy, QFile& stream, QString* error)
     return joined;
 }
 
-ChildCommand JobRun::realBackendCommand(const QString& program, int input) const
+ChildCommand JobRun::realBackendCommand(const QString& program, int input)
 {
     ChildCommand command;
     command.program = QFile::encodeName(program);
@@ -1054,8 +1084,13 @@ ChildCommand JobRun::realBackendCommand(const QString& program, int input) const
     // copy is in the stream), the document on standard input.
     // The options lose those that would make the printer change the pages
     // (ranges, n-up, scaling, copies); back-page queues print two-sided.
+    // The title without control characters: no line of the real backend's
+    // messages is the user's.
+    QByteArray title = m_argv.at(3);
+    std::replace_if(
+        title.begin(), title.end(), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; }, ' ');
     command.arguments << QFile::encodeName(uriForMessages(m_device.uri)) << m_argv.at(1) << m_argv.at(2)
-                      << m_argv.at(3) << "1" << printerJobOptions(m_argv.at(5), m_settings.duplexBackPages);
+                      << title << "1" << printerJobOptions(m_argv.at(5), m_settings.duplexBackPages);
     // The environment tells the real backend what the data is, so that a
     // driverless printer is told the format it gets.
     const QList<QByteArray> replaced{"DEVICE_URI=", "CONTENT_TYPE=", "FINAL_CONTENT_TYPE="};
@@ -1070,6 +1105,18 @@ ChildCommand JobRun::realBackendCommand(const QString& program, int input) const
                         << "FINAL_CONTENT_TYPE=" + type;
     command.standardInput = input;
     command.keepChannels = true;
+    // The ipp backend's messages go on to the print server as they come;
+    // the one that names the printer's job is kept.
+    m_printerJob = 0;
+    if (canAskPrinter(m_device.scheme)) {
+        command.errorLines = [this](const QByteArray& line) {
+            const QByteArray text = line + '\n';
+            std::fwrite(text.constData(), 1, size_t(text.size()), stderr);
+            std::fflush(stderr);
+            if (m_printerJob == 0)
+                m_printerJob = acceptedPrinterJob(line);
+        };
+    }
 
     // The print server runs a backend as root only when others may not
     // read and execute it; otherwise as its own unprivileged account.

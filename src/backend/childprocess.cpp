@@ -40,16 +40,81 @@ void waitAMoment()
     nanosleep(&interval, nullptr);
 }
 
-// Waits until the child may have ended: on its process descriptor, which
-// becomes readable the moment it exits, else a short while.
-void waitForChild(int pidFd)
+// The child's standard error, read through a pipe and handed on line by
+// line.
+class ErrorLines
 {
-    if (pidFd < 0) {
+  public:
+    explicit ErrorLines(const std::function<void(const QByteArray&)>& receiver) : m_receiver(receiver) {}
+    ~ErrorLines()
+    {
+        for (int fd : m_pipe) {
+            if (fd >= 0)
+                close(fd);
+        }
+    }
+
+    bool wanted() const { return bool(m_receiver); }
+    bool open() { return pipe2(m_pipe, O_CLOEXEC) == 0; }
+    // The child's end; the parent closes it once the child has it.
+    int writeEnd() const { return m_pipe[1]; }
+    void closeWriteEnd()
+    {
+        close(m_pipe[1]);
+        m_pipe[1] = -1;
+        fcntl(m_pipe[0], F_SETFL, O_NONBLOCK);
+    }
+    int readEnd() const { return m_pipe[0]; }
+
+    // Hands on the complete lines that have come; at the end, the rest too.
+    // False once the pipe has ended (no writer is left).
+    bool readAvailable(bool atEnd)
+    {
+        char buffer[4096];
+        bool open = true;
+        for (;;) {
+            const ssize_t got = read(m_pipe[0], buffer, sizeof buffer);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0) {
+                open = got < 0 && errno == EAGAIN;
+                break;
+            }
+            m_pending.append(buffer, int(got));
+        }
+        for (int end = m_pending.indexOf('\n'); end >= 0; end = m_pending.indexOf('\n')) {
+            m_receiver(m_pending.left(end));
+            m_pending.remove(0, end + 1);
+        }
+        if (atEnd && !m_pending.isEmpty()) {
+            m_receiver(m_pending);
+            m_pending.clear();
+        }
+        return open;
+    }
+
+  private:
+    std::function<void(const QByteArray&)> m_receiver;
+    int m_pipe[2] = {-1, -1};
+    QByteArray m_pending;
+};
+
+// Waits until the child may have ended or written to the pipe `output`
+// (-1 for none): on its process descriptor, which becomes readable the
+// moment it exits, else a short while.
+void waitForChild(int pidFd, int output)
+{
+    pollfd entries[2];
+    nfds_t count = 0;
+    if (pidFd >= 0)
+        entries[count++] = {pidFd, POLLIN, 0};
+    if (output >= 0)
+        entries[count++] = {output, POLLIN, 0};
+    if (pidFd < 0 && output < 0) {
         waitAMoment();
         return;
     }
-    pollfd entry = {pidFd, POLLIN, 0};
-    poll(&entry, 1, CancelCheckMs);
+    poll(entries, count, pidFd >= 0 ? CancelCheckMs : int(PollNanoseconds / 1000000));
 }
 
 std::vector<char*> pointers(QList<QByteArray>& strings)
@@ -116,6 +181,11 @@ ChildResult runChild(const ChildCommand& command)
     std::vector<char*> argv = pointers(arguments);
     std::vector<char*> envp = pointers(environment);
 
+    ErrorLines errorLines(command.errorLines);
+    if (errorLines.wanted() && !errorLines.open()) {
+        result.error = QString::fromLocal8Bit(std::strerror(errno));
+        return result;
+    }
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) {
         result.error = QString::fromLocal8Bit(std::strerror(errno));
@@ -137,7 +207,9 @@ ChildResult runChild(const ChildCommand& command)
         const int input = command.standardInput >= 0 ? command.standardInput : open("/dev/null", O_RDONLY);
         if (input < 0 || dup2(input, 0) != 0)
             failChild(report[1]);
-        if (!redirect(command.standardOutputFile, 1) || !redirect(command.standardErrorFile, 2))
+        if (!redirect(command.standardOutputFile, 1) ||
+            !(errorLines.wanted() ? dup2(errorLines.writeEnd(), 2) == 2
+                                  : redirect(command.standardErrorFile, 2)))
             failChild(report[1]);
         // Descriptors 3 and 4 are the print server's channels; the report
         // pipe closes itself on exec.
@@ -165,6 +237,9 @@ ChildResult runChild(const ChildCommand& command)
     }
 
     close(report[1]);
+    if (errorLines.wanted())
+        errorLines.closeWriteEnd();
+    int output = errorLines.wanted() ? errorLines.readEnd() : -1;
     int childError = 0;
     ssize_t got;
     do {
@@ -194,8 +269,14 @@ ChildResult runChild(const ChildCommand& command)
             }
             break;
         }
-        waitForChild(pidFd);
+        waitForChild(pidFd, output);
+        if (output >= 0 && !errorLines.readAvailable(false))
+            output = -1;
     }
+    // What the child wrote last; a process that it left behind holding the
+    // pipe is not waited for.
+    if (errorLines.wanted())
+        errorLines.readAvailable(true);
     if (pidFd >= 0)
         close(pidFd);
     if (got == sizeof childError) {

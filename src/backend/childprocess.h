@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
+
 // One program to run.
 struct ChildCommand {
     QByteArray program;
@@ -26,6 +28,9 @@ struct ChildCommand {
     // Files for standard output and error; empty to keep the backend's.
     QByteArray standardOutputFile;
     QByteArray standardErrorFile;
+    // When set, receives every line that the child writes to standard error
+    // (its line feed removed) as it comes, instead of standardErrorFile.
+    std::function<void(const QByteArray& line)> errorLines;
     // Keep descriptors 3 and 4 (the print server's back and side channels);
     // every other descriptor above 2 is closed.
     bool keepChannels = false;

@@ -238,6 +238,47 @@ void planRaster(const PrinterCapabilities& printer, bool asked, OutputPlan* plan
                 .arg(name, apple ? QStringLiteral("W8, SRGB24") : QStringLiteral("black_1, sgray_8, srgb_8"));
 }
 
+// What CUPS's ipp backend writes once the printer has created the job.
+const char AcceptedJobLine[] = "DEBUG: Print job accepted - job ID ";
+
+// A connection to the printer of an ipp:// or ipps:// URI (encrypted for
+// ipps), each request bounded by the time-out.
+struct PrinterConnection {
+    PrinterConnection(const QString& printerUri, int timeoutMs) : uri(printerUri.toUtf8())
+    {
+        char scheme[32], userpass[256], host[256];
+        int port = 0;
+        if (httpSeparateURI(HTTP_URI_CODING_ALL, uri.constData(), scheme, sizeof scheme, userpass,
+                            sizeof userpass, host, sizeof host, &port, resource,
+                            sizeof resource) < HTTP_URI_STATUS_OK) {
+            error = QStringLiteral("the printer's URI cannot be read");
+            return;
+        }
+        const bool secure = !strcmp(scheme, "ipps") || !strcmp(scheme, "https");
+        http = httpConnect2(host, port, nullptr, AF_UNSPEC,
+                            secure ? HTTP_ENCRYPTION_ALWAYS : HTTP_ENCRYPTION_IF_REQUESTED, 1, timeoutMs,
+                            nullptr);
+        if (!http) {
+            error = QStringLiteral("the printer does not answer (%1)")
+                        .arg(QString::fromUtf8(cupsLastErrorString()));
+            return;
+        }
+        httpSetTimeout(http, timeoutMs / 1000.0, nullptr, nullptr);
+    }
+    ~PrinterConnection()
+    {
+        if (http)
+            httpClose(http);
+    }
+    PrinterConnection(const PrinterConnection&) = delete;
+    PrinterConnection& operator=(const PrinterConnection&) = delete;
+
+    QByteArray uri;
+    char resource[1024] = "";
+    http_t* http = nullptr;
+    QString error;
+};
+
 } // namespace
 
 bool canAskPrinter(const QString& scheme)
@@ -249,30 +290,16 @@ bool canAskPrinter(const QString& scheme)
 PrinterCapabilities askPrinter(const QString& uri, int timeoutMs)
 {
     PrinterCapabilities printer;
-    char scheme[32], userpass[256], host[256], resource[1024];
-    int port = 0;
-    const QByteArray uriBytes = uri.toUtf8();
-    if (httpSeparateURI(HTTP_URI_CODING_ALL, uriBytes.constData(), scheme, sizeof scheme, userpass,
-                        sizeof userpass, host, sizeof host, &port, resource,
-                        sizeof resource) < HTTP_URI_STATUS_OK) {
-        printer.error = QStringLiteral("the printer's URI cannot be read");
+    PrinterConnection connection(uri, timeoutMs);
+    if (!connection.error.isEmpty()) {
+        printer.error = connection.error;
         return printer;
     }
-    const bool secure = !strcmp(scheme, "ipps") || !strcmp(scheme, "https");
-    http_t* http =
-        httpConnect2(host, port, nullptr, AF_UNSPEC,
-                     secure ? HTTP_ENCRYPTION_ALWAYS : HTTP_ENCRYPTION_IF_REQUESTED, 1, timeoutMs, nullptr);
-    if (!http) {
-        printer.error =
-            QStringLiteral("the printer does not answer (%1)").arg(QString::fromUtf8(cupsLastErrorString()));
-        return printer;
-    }
-    httpSetTimeout(http, timeoutMs / 1000.0, nullptr, nullptr);
     ipp_t* request = ippNewRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
-    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, uriBytes.constData());
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, connection.uri.constData());
     ippAddStrings(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
                   int(sizeof AskedAttributes / sizeof AskedAttributes[0]), nullptr, AskedAttributes);
-    ipp_t* response = cupsDoRequest(http, request, resource);
+    ipp_t* response = cupsDoRequest(connection.http, request, connection.resource);
     if (!response || ippGetStatusCode(response) > IPP_STATUS_OK_CONFLICTING) {
         printer.error = QStringLiteral("the printer does not tell what it accepts (%1)")
                             .arg(QString::fromUtf8(cupsLastErrorString()));
@@ -294,8 +321,35 @@ PrinterCapabilities askPrinter(const QString& uri, int timeoutMs)
         readMargins(response, &printer);
     }
     ippDelete(response);
-    httpClose(http);
     return printer;
+}
+
+int printerJobState(const QString& uri, int jobId, int timeoutMs)
+{
+    PrinterConnection connection(uri, timeoutMs);
+    if (!connection.error.isEmpty())
+        return -1;
+    ipp_t* request = ippNewRequest(IPP_OP_GET_JOB_ATTRIBUTES);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, connection.uri.constData());
+    ippAddInteger(request, IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", nullptr, "job-state");
+    ipp_t* response = cupsDoRequest(connection.http, request, connection.resource);
+    ipp_attribute_t* state = response && ippGetStatusCode(response) <= IPP_STATUS_OK_CONFLICTING
+                                 ? ippFindAttribute(response, "job-state", IPP_TAG_ENUM)
+                                 : nullptr;
+    const int value = state ? ippGetInteger(state, 0) : -1;
+    ippDelete(response);
+    return value;
+}
+
+int acceptedPrinterJob(const QByteArray& line)
+{
+    if (!line.startsWith(AcceptedJobLine) || !line.endsWith('.'))
+        return 0;
+    bool ok = false;
+    const int id = line.mid(int(qstrlen(AcceptedJobLine)), line.size() - int(qstrlen(AcceptedJobLine)) - 1)
+                       .toInt(&ok, 10);
+    return ok && id > 0 ? id : 0;
 }
 
 bool isOutputFormatSetting(const QString& value)
@@ -390,7 +444,8 @@ QList<QByteArray> conversionCommand(const OutputPlan& plan, const QString& outpu
         // The raster says which pages are backs, whatever the pages it is
         // drawn from say.
         if (plan.twoSided)
-            command << "-dDuplex=true" << "-dTumble=false";
+            command << "-dDuplex=true"
+                    << "-dTumble=false";
         break;
     }
     case OutputFormat::PclXl:

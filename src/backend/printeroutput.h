@@ -43,6 +43,16 @@ bool canAskPrinter(const QString& scheme);
 // Asks the printer at `uri` (ipp://, ipps://) what it accepts.
 PrinterCapabilities askPrinter(const QString& uri, int timeoutMs);
 
+// The state of job `jobId` at the printer at `uri` (ipp://, ipps://), as
+// IPP numbers it (7 canceled, 8 aborted, 9 completed, lower while it is
+// still on its way); -1 when the printer does not say.
+int printerJobState(const QString& uri, int jobId, int timeoutMs);
+
+// The printer's job number in a line that CUPS's ipp backend writes once it
+// has created the job ("DEBUG: Print job accepted - job ID 12."); 0 for
+// every other line.
+int acceptedPrinterJob(const QByteArray& line);
+
 // How a job is written for its printer.
 struct OutputPlan {
     OutputFormat format = OutputFormat::PostScript;

@@ -38,6 +38,9 @@ constexpr int RequestSeconds = 5;
 // to print for seconds per job.
 const char RecordCommand[] = "#!/bin/sh\n"
                              "printf '%s\\n' \"$1\" >>'@LIST@'\n";
+// The end of the command of a printer whose every print fails: ippeveprinter
+// then aborts the job.
+const char FailedPrint[] = "exit 1\n";
 
 // The readiness probe: any answer but an error means the printer is up.
 const char ReadyTest[] = "{\n"
@@ -330,7 +333,8 @@ bool SimulatedPrinter::launch(const QStringList& printerArguments, QString* erro
     QDir().mkpath(folderPath(QStringLiteral("namespace")));
     const QString command = folderPath(QStringLiteral("record"));
     writeFile(command, QByteArray(RecordCommand)
-                           .replace("@LIST@", QFile::encodeName(folderPath(QStringLiteral("received")))));
+                               .replace("@LIST@", QFile::encodeName(folderPath(QStringLiteral("received")))) +
+                           (m_printFails ? QByteArray(FailedPrint) : QByteArray()));
     chmod(QFile::encodeName(command).constData(), 0755);
     writeFile(folderPath(QStringLiteral("ready.test")), ReadyTest);
     writeFile(folderPath(QStringLiteral("attributes.test")), AttributesTest);

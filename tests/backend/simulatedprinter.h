@@ -47,6 +47,12 @@ class SimulatedPrinter
     bool start(const QStringList& formats, bool twoSided, QString* error,
                const QByteArray& extraAttributes = {});
 
+    // Makes every later print fail once the document has arrived (call
+    // before start()): the printer takes the job, keeps the document and
+    // then aborts the job, as a printer does that jams or runs out of paper
+    // for good.
+    void failEveryPrint() { m_printFails = true; }
+
     // Kills every process that start() began and waits for them to end;
     // the kept documents go with the temporary folder.
     void stop();
@@ -96,4 +102,5 @@ class SimulatedPrinter
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<QProcess> m_process;
     int m_port = 0;
+    bool m_printFails = false;
 };

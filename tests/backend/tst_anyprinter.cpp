@@ -5,6 +5,7 @@
 // each printer got is read back: PDF with Ghostscript and Poppler, rasters
 // decoded page by page and read with OCR, PCL XL counted page by page.
 #include "backend/sheetcount.h"
+#include "common/auditrecord.h"
 #include "printserver.h"
 #include "sheetcheck.h"
 #include "simulatedprinter.h"
@@ -122,6 +123,7 @@ class TestAnyPrinter : public QObject
     void unusablePrinterGetsNothing_data();
     void unusablePrinterGetsNothing();
     void pclQueueSendsPclXl();
+    void jobThePrinterAbortsIsNotAuditedAsSent();
 
   private:
     // Makes queue `queue` printing to `uri` with the test's template and
@@ -133,7 +135,8 @@ class TestAnyPrinter : public QObject
     // Problems of what a printer received as PDF: sheets, marks, texts.
     QStringList pdfProblems(const QString& file, int pages, int copies, int sides,
                             const QList<double>& margins) const;
-    QStringList rasterProblems(const QString& file, int pages, int copies, const QList<double>& margins) const;
+    QStringList rasterProblems(const QString& file, int pages, int copies,
+                               const QList<double>& margins) const;
 
     QTemporaryDir m_work;
     PrintServer m_server;
@@ -320,7 +323,8 @@ QByteArray pagePixels(const RasterPageImage& page)
     const QByteArray image = readFile(page.file);
     int offset = 2;
     for (int field = 0; field < 3; ++field) {
-        while (offset < image.size() && (QChar::fromLatin1(image.at(offset)).isSpace() || image.at(offset) == '#')) {
+        while (offset < image.size() &&
+               (QChar::fromLatin1(image.at(offset)).isSpace() || image.at(offset) == '#')) {
             if (image.at(offset) == '#')
                 offset = image.indexOf('\n', offset);
             if (offset < 0)
@@ -409,12 +413,12 @@ bool writeTurnedPage(const RasterPageImage& page, const QString& file)
         return false;
     std::reverse(pixels.begin(), pixels.end());
     return writeFile(file, QStringLiteral("P5\n# resolution %1x%2 dpi\n%3 %4\n255\n")
-                                  .arg(page.xResolution)
-                                  .arg(page.yResolution)
-                                  .arg(page.width)
-                                  .arg(page.height)
-                                  .toLatin1() +
-                              pixels);
+                                   .arg(page.xResolution)
+                                   .arg(page.yResolution)
+                                   .arg(page.width)
+                                   .arg(page.height)
+                                   .toLatin1() +
+                               pixels);
 }
 
 // Whether OCR read the text: words may run together, and "of" may be read
@@ -446,7 +450,9 @@ QStringList TestAnyPrinter::rasterProblems(const QString& file, int pages, int c
     for (int index = 0; index < decoded.size(); ++index) {
         const int dark = darkPixelsInMargins(decoded.at(index), margins);
         if (dark != 0)
-            problems << QStringLiteral("page %1 has %2 dark pixels in the printer's margins").arg(index + 1).arg(dark);
+            problems << QStringLiteral("page %1 has %2 dark pixels in the printer's margins")
+                            .arg(index + 1)
+                            .arg(dark);
         const QString text = simplified(markText(decoded.at(index), &error));
         if (!error.isEmpty())
             problems << error;
@@ -567,7 +573,8 @@ void TestAnyPrinter::backOfASheetTurnedAsThePrinterAsks()
     QVERIFY2(printer.waitForDocuments(1, 30000), qPrintable(printer.log()));
     const QString folder = m_work.filePath(queue);
     QVERIFY(QDir().mkpath(folder));
-    const QList<RasterPageImage> pages = decodeRasterPages(printer.receivedDocuments().first(), folder, &error);
+    const QList<RasterPageImage> pages =
+        decodeRasterPages(printer.receivedDocuments().first(), folder, &error);
     QVERIFY2(error.isEmpty(), qPrintable(error));
     QCOMPARE(pages.size(), 4); // 2 pages, each with its back page
     for (int index = 1; index < pages.size(); index += 2) {
@@ -580,9 +587,9 @@ void TestAnyPrinter::backOfASheetTurnedAsThePrinterAsks()
         }
         const QString text = turned ? simplified(markText(back, &error)) : asPrinted;
         for (const QString& expected : markTexts(1, 1, index / 2 + 1, 2))
-            QVERIFY2(ocrFinds(text, expected), qPrintable(QStringLiteral("back %1 lacks \"%2\": %3")
-                                                              .arg(index + 1)
-                                                              .arg(expected, text)));
+            QVERIFY2(
+                ocrFinds(text, expected),
+                qPrintable(QStringLiteral("back %1 lacks \"%2\": %3").arg(index + 1).arg(expected, text)));
         // Turned pages do not read as they were printed.
         if (turned)
             QVERIFY2(!ocrFinds(asPrinted, QLatin1String(Label)), qPrintable(asPrinted));
@@ -651,6 +658,34 @@ void TestAnyPrinter::pclQueueSendsPclXl()
     QVERIFY(data.open(QIODevice::ReadOnly));
     QVERIFY2(convertedFormatOf(data.peek(1024)) == ConvertedFormat::PclXl, data.peek(256).constData());
     QCOMPARE(countPclXlPages(data), qint64(6));
+}
+
+// A printer that takes the whole job and then aborts it printed nothing: the
+// job is not audited as sent, whatever the backend handed over.
+void TestAnyPrinter::jobThePrinterAbortsIsNotAuditedAsSent()
+{
+    SimulatedPrinter printer;
+    printer.failEveryPrint();
+    QString error;
+    QVERIFY2(printer.start({PdfFormat}, false, &error), qPrintable(error));
+    addQueue(QStringLiteral("aborting"), printer.uri());
+    const int id = printAndWait(QStringLiteral("aborting"), QStringLiteral("pdf"), 1);
+    QVERIFY(id > 0);
+    // The document reached the printer whole.
+    QVERIFY2(printer.waitForDocuments(1, 30000), qPrintable(printer.log()));
+    const QString audit = auditLine(id);
+    QVERIFY2(m_server.jobState(id) != JobCompleted, qPrintable(audit));
+    QVERIFY2(audit.contains(QLatin1String("outcome=device-failed")) &&
+                 audit.contains(QLatin1String("sent=0")),
+             qPrintable(audit));
+    AuditRecord record;
+    for (const QByteArray& line : readFile(m_server.auditLogFile()).split('\n')) {
+        AuditRecord read;
+        if (readAuditJsonLine(line, &read) && read.job == id)
+            record = read;
+    }
+    QCOMPARE(record.outcome, QLatin1String(AuditDeviceFailed));
+    QCOMPARE(record.sheetsSent, qint64(0));
 }
 
 QTEST_GUILESS_MAIN(TestAnyPrinter)

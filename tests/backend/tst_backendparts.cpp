@@ -1,6 +1,7 @@
 // The backend's parts in process: device URIs, queue settings, the job's
 // variables, the paper size, the PostScript handling of copies, and what a
 // printer is sent.
+#include "backend/childprocess.h"
 #include "backend/deviceuri.h"
 #include "backend/jobvariables.h"
 #include "backend/pagesize.h"
@@ -13,6 +14,7 @@
 #include <cups/cups.h>
 
 #include <QBuffer>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -63,6 +65,10 @@ class TestBackendParts : public QObject
     void printerOutputIsPlanned();
     void printerOptionsLeaveThePagesAlone_data();
     void printerOptionsLeaveThePagesAlone();
+    void printersJobNumberIsRead_data();
+    void printersJobNumberIsRead();
+    void childsErrorLinesArePassedOn_data();
+    void childsErrorLinesArePassedOn();
 };
 
 void TestBackendParts::deviceUri_data()
@@ -691,6 +697,71 @@ void TestBackendParts::printerOptionsLeaveThePagesAlone()
     const int count = cupsParseOptions(result.constData(), 0, &parsed);
     QCOMPARE(count, expected.isEmpty() ? 0 : int(expected.count('=')));
     cupsFreeOptions(count, parsed);
+}
+
+void TestBackendParts::printersJobNumberIsRead_data()
+{
+    QTest::addColumn<QByteArray>("line");
+    QTest::addColumn<int>("job");
+    QTest::newRow("the line of CUPS's ipp backend")
+        << QByteArray("DEBUG: Print job accepted - job ID 12.") << 12;
+    QTest::newRow("another line") << QByteArray("DEBUG: job-id integer 12") << 0;
+    QTest::newRow("no number") << QByteArray("DEBUG: Print job accepted - job ID x.") << 0;
+    QTest::newRow("no full stop") << QByteArray("DEBUG: Print job accepted - job ID 12") << 0;
+    QTest::newRow("zero") << QByteArray("DEBUG: Print job accepted - job ID 0.") << 0;
+    QTest::newRow("not at the start") << QByteArray("INFO: DEBUG: Print job accepted - job ID 12.") << 0;
+}
+
+void TestBackendParts::printersJobNumberIsRead()
+{
+    QFETCH(QByteArray, line);
+    QFETCH(int, job);
+    QCOMPARE(acceptedPrinterJob(line), job);
+}
+
+void TestBackendParts::childsErrorLinesArePassedOn_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QList<QByteArray>>("lines");
+    QTest::newRow("two lines") << QByteArray("echo one >&2; echo two >&2") << QList<QByteArray>{"one", "two"};
+    QTest::newRow("last line without its line feed")
+        << QByteArray("echo one >&2; printf two >&2") << QList<QByteArray>{"one", "two"};
+    QTest::newRow("nothing") << QByteArray("true") << QList<QByteArray>{};
+    // More than a pipe holds, while the child waits for nobody.
+    QList<QByteArray> many;
+    for (int i = 1; i <= 20000; ++i)
+        many << "line " + QByteArray::number(i) + " of many";
+    QTest::newRow("more than a pipe holds")
+        << QByteArray("i=1; while [ $i -le 20000 ]; do echo \"line $i of many\"; i=$((i+1)); done >&2")
+        << many;
+    QTest::newRow("standard error closed early")
+        << QByteArray("echo early >&2; exec 2>&-; sleep 0.3") << QList<QByteArray>{"early"};
+    // A process that the child leaves behind with the pipe is not waited
+    // for.
+    QTest::newRow("a process left behind")
+        << QByteArray("echo parent >&2; (sleep 5; echo late >&2) & exit 0") << QList<QByteArray>{"parent"};
+}
+
+// The lines a child writes to standard error reach the receiver whole and in
+// order, and the child's end is not waited past.
+void TestBackendParts::childsErrorLinesArePassedOn()
+{
+    QFETCH(QByteArray, script);
+    QFETCH(QList<QByteArray>, lines);
+    ChildCommand command;
+    command.program = "/bin/sh";
+    command.arguments = {"sh", "-c", script};
+    command.environment = {"PATH=/usr/bin:/bin"};
+    QList<QByteArray> received;
+    command.errorLines = [&received](const QByteArray& line) { received << line; };
+    QElapsedTimer timer;
+    timer.start();
+    const ChildResult result = runChild(command);
+    QVERIFY(result.started);
+    QCOMPARE(result.exitStatus, 0);
+    QCOMPARE(received.size(), lines.size());
+    QCOMPARE(received, lines);
+    QVERIFY2(timer.elapsed() < 4000, qPrintable(QString::number(timer.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(TestBackendParts)
