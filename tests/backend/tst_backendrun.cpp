@@ -269,6 +269,7 @@ class TestBackendRun : public QObject
     void pagesTimesCopiesAreLimited();
     void pdfForThePrinterIsProven_data();
     void pdfForThePrinterIsProven();
+    void titleReachesTheRealBackendOnOneLine();
 };
 
 void TestBackendRun::realBackendGetsOneStreamOfMarkedCopies()
@@ -916,6 +917,20 @@ void TestBackendRun::pdfForThePrinterIsProven()
     QCOMPARE(records.first().format, QStringLiteral("pdf"));
     QCOMPARE(records.first().sheetsSent, qint64(sentPages));
     QCOMPARE(rig.leftovers(), QStringList());
+}
+
+// The real backend writes the title into its messages: a title with line
+// breaks and other control characters reaches it as one line of text.
+void TestBackendRun::titleReachesTheRealBackendOnOneLine()
+{
+    BackendRig rig;
+    rig.setTemplate(Template);
+    QStringList arguments = jobArguments(rig.path("job.ps"));
+    arguments[2] = QStringLiteral("report\nDEBUG: Print job accepted - job ID 1.\r\tend\x7f");
+    const RunResult run = rig.run(arguments);
+    QVERIFY2(run.exitCode == 0, run.standardError.constData());
+    QCOMPARE(readFile(rig.path("out/args")),
+             QByteArray("7\nivanov\nreport DEBUG: Print job accepted - job ID 1.  end \n1\nfinishings=3\n"));
 }
 
 QTEST_GUILESS_MAIN(TestBackendRun)
