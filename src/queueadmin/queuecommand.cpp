@@ -543,8 +543,42 @@ bool writeDefinitionsAndKey(ConfigWriter& writer, const CreateRequest& request, 
     return writer.own(key, 0600);
 }
 
-// The marked queues' policy in cupsd.conf; the server restarts when it is
-// added.
+// Whether a line of cupsd.conf outside every block sets DefaultAuthType None.
+// cupsd takes a password (Basic) only where the <Location> of the request,
+// or else the server's DefaultAuthType, names Basic, whatever a policy's
+// <Limit> asks for. Under None it answers every password with "Basic
+// authentication is not enabled": only local users, whom it knows by their
+// socket, could then submit a job under the marked queues' policy, and the
+// users of other machines could never print there.
+bool isDefaultAuthTypeNone(const QByteArray& line, int depth)
+{
+    const QStringList words =
+        QString::fromUtf8(line).simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return depth == 0 && words.size() == 2 &&
+           words.at(0).compare(QLatin1String("DefaultAuthType"), Qt::CaseInsensitive) == 0 &&
+           words.at(1).compare(QLatin1String("None"), Qt::CaseInsensitive) == 0;
+}
+
+// cupsd.conf with DefaultAuthType Basic where it says None; unchanged when
+// it does not.
+QByteArray withPasswordsTaken(const QByteArray& conf)
+{
+    QList<QByteArray> lines = conf.split('\n');
+    int depth = 0;
+    for (QByteArray& line : lines) {
+        const QByteArray text = line.trimmed();
+        if (text.startsWith("</"))
+            depth = qMax(0, depth - 1);
+        else if (text.startsWith('<'))
+            ++depth;
+        else if (isDefaultAuthTypeNone(text, depth))
+            line = "DefaultAuthType Basic";
+    }
+    return lines.join('\n');
+}
+
+// The marked queues' policy in cupsd.conf, and a server that takes the
+// password it asks for; the server restarts when either changes.
 bool ensurePolicy()
 {
     QByteArray conf;
@@ -554,12 +588,16 @@ bool ensurePolicy()
                        .arg(error));
         return false;
     }
-    if (hasPolicy(conf, QLatin1String(MarkedQueuePolicy))) {
+    const bool hadPolicy = hasPolicy(conf, QLatin1String(MarkedQueuePolicy));
+    if (hadPolicy)
         printOut(queueText(QT_TRANSLATE_NOOP("queue", "kept the policy %1 of the server's cupsd.conf"))
                      .arg(QLatin1String(MarkedQueuePolicy)));
+    const QByteArray takingPasswords = withPasswordsTaken(conf);
+    const bool tookPasswords = takingPasswords == conf;
+    if (hadPolicy && tookPasswords)
         return true;
-    }
-    if (!putServerFile(QLatin1String(ServerConfiguration), withMarkedQueuePolicy(conf), &error)) {
+    const QByteArray changed = hadPolicy ? takingPasswords : withMarkedQueuePolicy(takingPasswords);
+    if (!putServerFile(QLatin1String(ServerConfiguration), changed, &error)) {
         printError(
             queueText(QT_TRANSLATE_NOOP("queue", "Can not change the print server's configuration: %1"))
                 .arg(error));
@@ -570,10 +608,17 @@ bool ensurePolicy()
                                                         "configuration changed")));
         return false;
     }
-    printOut(
-        queueText(QT_TRANSLATE_NOOP("queue", "added the policy %1 to the server's cupsd.conf (jobs only from "
+    if (!tookPasswords)
+        printOut(
+            queueText(QT_TRANSLATE_NOOP("queue", "set DefaultAuthType Basic in place of None in the server's "
+                                                 "cupsd.conf, so that users of other machines can give "
+                                                 "their password (under None the server takes none); the "
+                                                 "server restarted")));
+    if (!hadPolicy)
+        printOut(queueText(QT_TRANSLATE_NOOP("queue",
+                                             "added the policy %1 to the server's cupsd.conf (jobs only from "
                                              "authenticated users); the server restarted"))
-            .arg(QLatin1String(MarkedQueuePolicy)));
+                     .arg(QLatin1String(MarkedQueuePolicy)));
     return true;
 }
 

@@ -3,15 +3,21 @@
 
 #include "common/paths.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 #include <QThread>
 
+#include <arpa/inet.h>
 #include <cups/cups.h>
 #include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -34,14 +40,16 @@ const char CupsFilesConf[] = "ServerRoot @ROOT@/etc\n"
                              "SystemGroup root\n"
                              "FileDevice No\n";
 
-// No authentication: the server is reachable only through its private
-// socket. The page log format is the one the README recommends: the job's
+// No authentication by default: the server is reachable through its private
+// socket, and on request on a port of 127.0.0.1 (the @LISTEN@ line), which
+// only this machine reaches. The page log format is the one the README recommends: the job's
 // total impressions and its last state message.
 const char CupsdConf[] =
     "LogLevel debug\n"
     "MaxLogSize 0\n"
     "PageLogFormat %p %u %j %P %C %{job-impressions-completed} %{job-printer-state-message}\n"
     "Listen @ROOT@/cups.sock\n"
+    "@LISTEN@"
     "Browsing No\n"
     "BrowseLocalProtocols none\n"
     "DefaultAuthType None\n"
@@ -81,6 +89,54 @@ bool isFinal(int state)
     return state >= JobCanceled;
 }
 
+// A port of 127.0.0.1 that nothing listens on now; 0 when none could be had.
+int freeLoopbackPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return 0;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof(address);
+    int port = 0;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        port = ntohs(address.sin_port);
+    ::close(fd);
+    return port;
+}
+
+// Whether something accepts connections on the port of 127.0.0.1.
+bool acceptsConnections(int port)
+{
+    http_t* http =
+        httpConnect2("127.0.0.1", port, nullptr, AF_INET, HTTP_ENCRYPTION_IF_REQUESTED, 1, 1000, nullptr);
+    if (!http)
+        return false;
+    httpClose(http);
+    return true;
+}
+
+// The numbers of a colon-separated account file's field (user or group ids).
+QSet<qint64> numbersIn(const QByteArray& file, int field)
+{
+    QSet<qint64> numbers;
+    for (const QByteArray& line : file.split('\n')) {
+        bool number = false;
+        const qint64 value = line.split(':').value(field).toLongLong(&number);
+        if (number)
+            numbers.insert(value);
+    }
+    return numbers;
+}
+
+bool hasEntry(const QByteArray& file, const QByteArray& name)
+{
+    return file.startsWith(name + ':') || file.contains('\n' + name + ':');
+}
+
 } // namespace
 
 PrintServer::PrintServer()
@@ -101,6 +157,71 @@ bool PrintServer::available()
            haveProgram(QStringLiteral("lpadmin")) &&
            QFileInfo::exists(QStringLiteral("/usr/lib/cups/backend/socket")) &&
            QFileInfo::exists(QStringLiteral("/usr/lib/cups/filter/pstops"));
+}
+
+void PrintServer::listenOnLoopback()
+{
+    m_loopback = true;
+}
+
+void PrintServer::addAccount(const QString& name, const QByteArray& passwordHash)
+{
+    m_accounts.append({name, passwordHash});
+}
+
+bool PrintServer::writeAccountFiles(QStringList* binds, QString* error) const
+{
+    const QString folder = m_dir.filePath(QStringLiteral("accounts"));
+    QDir().mkpath(folder);
+    chmod(QFile::encodeName(folder).constData(), 0755);
+    // Read only: what the namespace shows is a copy.
+    QByteArray passwd = readFile(QStringLiteral("/etc/passwd"));
+    QByteArray group = readFile(QStringLiteral("/etc/group"));
+    QByteArray shadow = readFile(QStringLiteral("/etc/shadow"));
+    if (passwd.isEmpty() || group.isEmpty() || shadow.isEmpty()) {
+        *error = QStringLiteral("cannot read /etc/passwd, /etc/group or /etc/shadow");
+        return false;
+    }
+    for (QByteArray* file : {&passwd, &group, &shadow}) {
+        if (!file->endsWith('\n'))
+            *file += '\n';
+    }
+    // An id that no account and no group of the machine has.
+    const QSet<qint64> taken = numbersIn(passwd, 2) + numbersIn(passwd, 3) + numbersIn(group, 2);
+    qint64 id = 50000;
+    // The day of the last password change, in days since 1970: today, so
+    // that the account is neither expired nor due for a new password.
+    const qint64 today = QDateTime::currentSecsSinceEpoch() / 86400;
+    for (const Account& account : m_accounts) {
+        const QByteArray name = account.name.toUtf8();
+        if (name.isEmpty() || name.contains(':') || name.contains('\n') ||
+            account.passwordHash.contains(':') || account.passwordHash.contains('\n') ||
+            hasEntry(passwd, name) || hasEntry(group, name) || hasEntry(shadow, name)) {
+            *error = QStringLiteral("cannot add the account %1 beside the machine's own").arg(account.name);
+            return false;
+        }
+        while (taken.contains(id))
+            ++id;
+        const QByteArray number = QByteArray::number(id++);
+        passwd +=
+            name + ":x:" + number + ':' + number + ":Print test account:/nonexistent:/usr/sbin/nologin\n";
+        group += name + ":x:" + number + ":\n";
+        shadow += name + ':' + account.passwordHash + ':' + QByteArray::number(today) + ":0:99999:7:::\n";
+    }
+    const struct {
+        const char* file;
+        const QByteArray* content;
+        mode_t mode;
+    } copies[] = {{"passwd", &passwd, 0644}, {"group", &group, 0644}, {"shadow", &shadow, 0600}};
+    for (const auto& copy : copies) {
+        const QString path = folder + QLatin1Char('/') + QLatin1String(copy.file);
+        if (!writeFile(path, *copy.content) || chmod(QFile::encodeName(path).constData(), copy.mode) != 0) {
+            *error = QStringLiteral("cannot write %1").arg(path);
+            return false;
+        }
+        *binds << QStringLiteral("--bind") << path << QStringLiteral("/etc/") + QLatin1String(copy.file);
+    }
+    return true;
 }
 
 QString PrintServer::serverRoot() const
@@ -148,8 +269,14 @@ bool PrintServer::start(const QString& backend, QString* error)
     for (const char* folder : {"etc/ppd", "etc/ssl", "etc/quillet", "bin/backend", "data", "spool/tmp",
                                "cache", "state", "log", "quillet-bin", "documents"})
         QDir(root).mkpath(QLatin1String(folder));
-    auto fill = [&root](const char* text) {
-        return QByteArray(text).replace("@ROOT@", QFile::encodeName(root));
+    if (m_loopback && (m_networkPort = freeLoopbackPort()) == 0) {
+        *error = QStringLiteral("no free port on 127.0.0.1");
+        return false;
+    }
+    const QByteArray listen =
+        m_loopback ? "Listen 127.0.0.1:" + QByteArray::number(m_networkPort) + '\n' : QByteArray();
+    auto fill = [&root, &listen](const char* text) {
+        return QByteArray(text).replace("@ROOT@", QFile::encodeName(root)).replace("@LISTEN@", listen);
     };
     writeFile(root + QStringLiteral("/etc/cups-files.conf"), fill(CupsFilesConf));
     writeFile(root + QStringLiteral("/etc/cupsd.conf"), fill(CupsdConf));
@@ -185,6 +312,10 @@ bool PrintServer::start(const QString& backend, QString* error)
     }
     m_tree.installCatalogue();
 
+    QStringList accountBinds;
+    if (!m_accounts.isEmpty() && !writeAccountFiles(&accountBinds, error))
+        return false;
+
     m_cupsd.setProgram(QStringLiteral(QUILLET_SANDBOX));
     m_cupsd.setArguments({QStringLiteral("--bind"),
                           QLatin1String(CupsDataDir),
@@ -208,6 +339,10 @@ bool PrintServer::start(const QString& backend, QString* error)
                           root + QStringLiteral("/etc/cupsd.conf"),
                           QStringLiteral("-s"),
                           root + QStringLiteral("/etc/cups-files.conf")});
+    // The account files' copies stand over the real ones in the server's
+    // namespace only.
+    if (!accountBinds.isEmpty())
+        m_cupsd.setArguments(accountBinds + m_cupsd.arguments());
     m_cupsd.setProcessChannelMode(QProcess::MergedChannels);
     m_cupsd.start();
     if (!m_cupsd.waitForStarted()) {
@@ -219,7 +354,8 @@ bool PrintServer::start(const QString& backend, QString* error)
     const QString socket = root + QStringLiteral("/cups.sock");
     while (timer.elapsed() < StartMs) {
         if (QFileInfo::exists(socket) &&
-            admin(QStringLiteral("lpstat"), {QStringLiteral("-r")}).exitCode == 0) {
+            admin(QStringLiteral("lpstat"), {QStringLiteral("-r")}).exitCode == 0 &&
+            (!m_loopback || acceptsConnections(m_networkPort))) {
             cupsSetServer(QFile::encodeName(socket).constData());
             return true;
         }
@@ -311,6 +447,22 @@ bool PrintServer::waitForJobs(const QList<int>& ids, int timeoutMs) const
 QByteArray PrintServer::errorLog() const
 {
     return readFile(errorLogFile());
+}
+
+qint64 PrintServer::serverProcessId() const
+{
+    if (m_cupsd.state() == QProcess::NotRunning)
+        return 0;
+    for (const int pid : childProcesses(m_cupsd.processId())) {
+        if (readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).startsWith("/usr/sbin/cupsd\0"))
+            return pid;
+    }
+    return 0;
+}
+
+QByteArray PrintServer::accessLog() const
+{
+    return readFile(m_dir.filePath(QStringLiteral("log/access_log")));
 }
 
 QByteArray PrintServer::pageLog() const

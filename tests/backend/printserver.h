@@ -1,8 +1,8 @@
 // A private CUPS print server for the print queue tests: its own server
-// root, program folder, spool and logs, listening only on a Unix socket in a
-// temporary folder, run inside the sandbox so that quillet and its catalogue
-// stand at their installed paths. The machine's own print server and its
-// /etc/cups are never used.
+// root, program folder, spool and logs, listening on a Unix socket in a
+// temporary folder (and, on request, on a free port of 127.0.0.1), run inside
+// the sandbox so that quillet and its catalogue stand at their installed
+// paths. The machine's own print server and its /etc/cups are never used.
 #pragma once
 
 #include "support/testsupport.h"
@@ -33,6 +33,21 @@ class PrintServer
 
     // Whether cupsd and the client programs are installed.
     static bool available();
+
+    // Before start(): the server also listens on a free port of 127.0.0.1,
+    // where clients reach it as the workstations of a network would.
+    void listenOnLoopback();
+
+    // The port of 127.0.0.1 that the server listens on; 0 when it does not.
+    int networkPort() const { return m_networkPort; }
+
+    // Before start(): a login account that exists only in the server's mount
+    // namespace. Copies of the machine's /etc/passwd, /etc/group and
+    // /etc/shadow with one more line each (the account, its own group, and
+    // `passwordHash` as crypt(3) makes it) are bound over the real files
+    // there, so that cupsd's PAM checks the account's password; the
+    // machine's own files are only read.
+    void addAccount(const QString& name, const QByteArray& passwordHash);
 
     // Writes the configuration and starts cupsd with the given quillet
     // backend in its program folder; false with *error set on failure.
@@ -83,13 +98,31 @@ class PrintServer
     // The state of one job (0 when unknown).
     int jobState(int id) const;
 
+    // The process id of cupsd (0 when it is not running); its mount
+    // namespace is the one the server sees.
+    qint64 serverProcessId() const;
+
     QByteArray errorLog() const;
+    // The print server's access log: one line per HTTP request, with its
+    // status and IPP operation.
+    QByteArray accessLog() const;
     // The log's lines about one job.
     QStringList jobLogLines(int id) const;
     QByteArray pageLog() const;
 
   private:
+    struct Account {
+        QString name;
+        QByteArray passwordHash;
+    };
+    // Writes the copies of the account files; the sandbox's binds of them
+    // over the real ones.
+    bool writeAccountFiles(QStringList* binds, QString* error) const;
+
     QTemporaryDir m_dir;
+    bool m_loopback = false;
+    int m_networkPort = 0;
+    QList<Account> m_accounts;
     QProcess m_cupsd;
     FixtureTree m_tree;
 };
