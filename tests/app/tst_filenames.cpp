@@ -72,29 +72,12 @@ bool existsRaw(const QByteArray& path)
     return ::lstat(path.constData(), &status) == 0;
 }
 
-// A shell word that printf turns into exactly these bytes (a trailing "x"
-// keeps the line feeds at the end from the command substitution).
-QByteArray shellAssignment(const QByteArray& variable, const QByteArray& bytes)
-{
-    QByteArray format;
-    for (const char c : bytes)
-        format += '\\' + QByteArray::number(uchar(c), 8).rightJustified(3, '0');
-    return variable + "=$(printf '" + format + "x'); " + variable + "=${" + variable + "%x}; ";
-}
-
 // Runs the program in the tree's sandbox, in job/, with these arguments byte
 // for byte and the locale's language set to `lang`.
 RunResult runWithBytes(const FixtureTree& tree, const QString& program, const QList<QByteArray>& arguments,
                        const QString& lang)
 {
-    QByteArray script;
-    QByteArray words;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QByteArray variable = "a" + QByteArray::number(i);
-        script += shellAssignment(variable, arguments.at(i));
-        words += " \"$" + variable + '"';
-    }
-    script += "exec \"$0\"" + words;
+    const QByteArray script = execWithBytesScript(arguments);
     return tree.runInSandbox(QStringLiteral("/bin/sh"),
                              {QStringLiteral("-c"), QString::fromLatin1(script), program},
                              {QStringLiteral("LANG=") + lang, QStringLiteral("LC_ALL=")});

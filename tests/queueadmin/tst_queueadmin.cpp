@@ -105,17 +105,6 @@ bool writeRaw(const QByteArray& path, const QByteArray& content)
     return ::close(fd) == 0 && written;
 }
 
-// A shell command that sets `variable` to exactly these bytes: printf makes
-// them from octal escapes (a trailing "x" keeps line feeds at the end from
-// the command substitution).
-QByteArray shellAssignment(const QByteArray& variable, const QByteArray& bytes)
-{
-    QByteArray format;
-    for (const char c : bytes)
-        format += '\\' + QByteArray::number(uchar(c), 8).rightJustified(3, '0');
-    return variable + "=$(printf '" + format + "x'); " + variable + "=${" + variable + "%x}; ";
-}
-
 // Removes a file by the bytes of its name when it goes out of scope: the
 // work folder's own removal goes through names as text, which loses such
 // names.
@@ -209,14 +198,7 @@ RunResult TestQueueAdmin::queueCommand(const QStringList& arguments) const
 
 RunResult TestQueueAdmin::queueCommandWithBytes(const QList<QByteArray>& arguments, const QString& lang) const
 {
-    QByteArray script;
-    QByteArray words;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QByteArray variable = "a" + QByteArray::number(i);
-        script += shellAssignment(variable, arguments.at(i));
-        words += " \"$" + variable + '"';
-    }
-    script += "exec \"$0\"" + words;
+    const QByteArray script = execWithBytesScript(arguments);
     return runProgram(QStringLiteral("nsenter"),
                       {QStringLiteral("-t"), QString::number(m_serverPid), QStringLiteral("-m"),
                        QStringLiteral("--"), QStringLiteral("/bin/sh"), QStringLiteral("-c"),

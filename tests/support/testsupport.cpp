@@ -198,6 +198,33 @@ QString tinyCatalogueDir()
     return testsSourceDir() + QStringLiteral("/document/data/catalogue");
 }
 
+namespace
+{
+
+// A shell command that sets `variable` to exactly these bytes (a trailing
+// "x" keeps line feeds at the end from the command substitution).
+QByteArray shellAssignment(const QByteArray& variable, const QByteArray& bytes)
+{
+    QByteArray format;
+    for (const char c : bytes)
+        format += '\\' + QByteArray::number(uchar(c), 8).rightJustified(3, '0');
+    return variable + "=$(printf '" + format + "x'); " + variable + "=${" + variable + "%x}; ";
+}
+
+} // namespace
+
+QByteArray execWithBytesScript(const QList<QByteArray>& arguments)
+{
+    QByteArray script;
+    QByteArray words;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QByteArray variable = "a" + QByteArray::number(i);
+        script += shellAssignment(variable, arguments.at(i));
+        words += " \"$" + variable + '"';
+    }
+    return script + "exec \"$0\"" + words;
+}
+
 QByteArray minimalDocument(int pages)
 {
     QByteArray document = "%!PS-Adobe-3.0\n%%Pages: " + QByteArray::number(pages) +

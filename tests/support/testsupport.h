@@ -122,6 +122,11 @@ QString tinyCatalogueDir();
 // then "%%Trailer" and "%%EOF".
 QByteArray minimalDocument(int pages = 1);
 
+// A script for "sh -c SCRIPT PROGRAM" that runs PROGRAM with these
+// arguments byte for byte, whatever bytes they hold (printf makes each from
+// octal escapes), so that names that are not valid text reach it as they are.
+QByteArray execWithBytesScript(const QList<QByteArray>& arguments);
+
 // The pairs of "key=value" lines, as the filter writes the variables file.
 // Each line is split at its first "="; lines without one are left out.
 QMap<QString, QString> parseKeyValues(const QByteArray& bytes);
