@@ -825,8 +825,17 @@ bool JobRun::verifyUser(const QString& serverRoot, QString* error)
         cupsdConf = cupsd.readAll();
     if (printers.open(QIODevice::ReadOnly))
         printersConf = printers.readAll();
-    m_userAuthenticated =
-        !cupsdConf.isEmpty() && !submissionRule(cupsdConf, queueOpPolicy(printersConf, m_queue)).anonymous;
+    // Under the print server, the queue's policy is the one it applies now;
+    // a server that does not say leaves the name unverified. Run by hand,
+    // the backend reads printers.conf.
+    bool known = true;
+    const QString policy = qEnvironmentVariableIsSet("CUPS_SERVER") ? runningQueueOpPolicy(m_queue, &known)
+                                                                    : queueOpPolicy(printersConf, m_queue);
+    if (!known)
+        message(QStringLiteral("WARNING: quillet: the print server does not tell the policy of queue %1; "
+                               "the user's name counts as not verified")
+                    .arg(logText(m_queue)));
+    m_userAuthenticated = known && !cupsdConf.isEmpty() && !submissionRule(cupsdConf, policy).anonymous;
     m_job.userVerified = m_userAuthenticated;
     if (!m_userAuthenticated && m_settings.refuseUnverifiedUser) {
         *error =

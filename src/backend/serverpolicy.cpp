@@ -4,6 +4,8 @@
 #include <QList>
 #include <QStringList>
 
+#include <cups/cups.h>
+
 namespace
 {
 
@@ -130,6 +132,34 @@ SubmissionRule submissionRule(const QByteArray& cupsdConf, const QString& policy
         break;
     }
     return rule;
+}
+
+QString runningQueueOpPolicy(const QString& queue, bool* asked)
+{
+    *asked = false;
+    http_t* http =
+        httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1, 30000, nullptr);
+    if (!http)
+        return QString();
+    char uri[HTTP_MAX_URI];
+    httpAssembleURIf(HTTP_URI_CODING_ALL, uri, sizeof uri, "ipp", nullptr, "localhost", ippPort(),
+                     "/printers/%s", queue.toUtf8().constData());
+    ipp_t* request = ippNewRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, uri);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", nullptr,
+                 "printer-op-policy");
+    ipp_t* response = cupsDoRequest(http, request, "/");
+    ipp_attribute_t* policy = response && ippGetStatusCode(response) <= IPP_STATUS_OK_CONFLICTING
+                                  ? ippFindAttribute(response, "printer-op-policy", IPP_TAG_NAME)
+                                  : nullptr;
+    QString name;
+    if (policy && ippGetString(policy, 0, nullptr)) {
+        name = QString::fromUtf8(ippGetString(policy, 0, nullptr));
+        *asked = !name.isEmpty();
+    }
+    ippDelete(response);
+    httpClose(http);
+    return name;
 }
 
 bool hasPolicy(const QByteArray& cupsdConf, const QString& policy)

@@ -30,6 +30,13 @@ SubmissionRule submissionRule(const QByteArray& cupsdConf, const QString& policy
 // empty when it names none, which means the server's DefaultPolicy.
 QString queueOpPolicy(const QByteArray& printersConf, const QString& queue);
 
+// The operation policy that the running print server applies to a queue
+// (its printer-op-policy), asked over IPP of the server that CUPS_SERVER
+// names (else the local one). printers.conf is saved up to half a minute
+// after a change, so the running server is the one to ask. *asked is false,
+// and the result empty, when the server did not say.
+QString runningQueueOpPolicy(const QString& queue, bool* asked);
+
 // Whether cupsd.conf holds a <Policy> block of that name.
 bool hasPolicy(const QByteArray& cupsdConf, const QString& policy);
 

@@ -279,7 +279,7 @@ bool PrintServer::start(const QString& backend, QString* error)
         return QByteArray(text).replace("@ROOT@", QFile::encodeName(root)).replace("@LISTEN@", listen);
     };
     writeFile(root + QStringLiteral("/etc/cups-files.conf"), fill(CupsFilesConf));
-    writeFile(root + QStringLiteral("/etc/cupsd.conf"), fill(CupsdConf));
+    writeFile(root + QStringLiteral("/etc/cupsd.conf"), fill(CupsdConf) + m_directives);
     writeFile(root + QStringLiteral("/etc/snmp.conf"), SnmpConf);
     chmod(QFile::encodeName(root + QStringLiteral("/etc/quillet")).constData(), 0700);
 

@@ -38,6 +38,9 @@ class PrintServer
     // where clients reach it as the workstations of a network would.
     void listenOnLoopback();
 
+    // Before start(): one more line of cupsd.conf ("DirtyCleanInterval 5").
+    void addServerDirective(const QByteArray& line) { m_directives += line + '\n'; }
+
     // The port of 127.0.0.1 that the server listens on; 0 when it does not.
     int networkPort() const { return m_networkPort; }
 
@@ -121,6 +124,7 @@ class PrintServer
 
     QTemporaryDir m_dir;
     bool m_loopback = false;
+    QByteArray m_directives;
     int m_networkPort = 0;
     QList<Account> m_accounts;
     QProcess m_cupsd;

@@ -40,8 +40,10 @@ namespace
 constexpr int PrinterLifetimeMs = 600000;
 // How long a job of a few pages may take to be marked and sent.
 constexpr int JobTimeoutMs = 180000;
-// How long the print server may take to save its queues to printers.conf.
-constexpr int SavedQueuesMs = 90000;
+// How often the print server saves changed queues to printers.conf, and how
+// long a test waits for that.
+const char SaveInterval[] = "DirtyCleanInterval 10";
+constexpr int SavedQueuesMs = 30000;
 
 // The account that exists in the print server's namespace only, and its
 // password.
@@ -235,6 +237,7 @@ class TestQueuePolicy : public QObject
     void accountLivesInTheServerOnly();
     void networkClientPrints_data();
     void networkClientPrints();
+    void policyChangedJustBeforeTheJobCounts();
 
   private:
     // Runs quillet-queue in the print server's mount namespace against it.
@@ -308,6 +311,7 @@ void TestQueuePolicy::initTestCase()
     const QByteArray hash = passwordHash(AccountPassword);
     QVERIFY2(hash.startsWith("$6$"), "crypt(3) made no SHA-512 hash");
     m_server.listenOnLoopback();
+    m_server.addServerDirective(SaveInterval);
     m_server.addAccount(QLatin1String(AccountName), hash);
     QString error;
     QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
@@ -344,25 +348,6 @@ void TestQueuePolicy::initTestCase()
                                     QStringLiteral("-v"), QStringLiteral("quillet:") + m_printer->socketUri(),
                                     QStringLiteral("-m"), QStringLiteral("drv:///sample.drv/generic.ppd")});
     QVERIFY2(added.exitCode == 0, qPrintable(describe(added)));
-
-    // The backend reads a queue's policy from printers.conf, which the print
-    // server saves up to DirtyCleanInterval (30 seconds unless cupsd.conf
-    // says otherwise) after a queue changes; until then a job is judged by
-    // the policy that the file held before. The jobs below are printed once
-    // both queues are saved with theirs.
-    QElapsedTimer saving;
-    saving.start();
-    const QString printersConf = m_server.serverRoot() + QStringLiteral("/printers.conf");
-    while (saving.elapsed() < SavedQueuesMs &&
-           (queueOpPolicy(readFile(printersConf), QLatin1String(MarkedQueue)) !=
-                QLatin1String(MarkedQueuePolicy) ||
-            queueOpPolicy(readFile(printersConf), QLatin1String(OpenQueue)) != QLatin1String("default")))
-        QThread::msleep(250);
-    QVERIFY2(queueOpPolicy(readFile(printersConf), QLatin1String(MarkedQueue)) ==
-                 QLatin1String(MarkedQueuePolicy),
-             readFile(printersConf).constData());
-    QVERIFY2(queueOpPolicy(readFile(printersConf), QLatin1String(OpenQueue)) == QLatin1String("default"),
-             readFile(printersConf).constData());
 
     m_document = m_server.writeJobFile(QStringLiteral("document.ps"),
                                        readFile(QStringLiteral(QUILLET_SOURCE_DIR "/examples/document.ps")));
@@ -547,6 +532,61 @@ void TestQueuePolicy::networkClientPrints()
     QCOMPARE(record.outcome, QLatin1String(AuditSent));
     QCOMPARE(record.pages, qint64(DocumentPages));
     QCOMPARE(record.sheetsSent, qint64(DocumentPages));
+}
+
+// The print server saves printers.conf up to half a minute after a queue
+// changes: a job right after the marked queue is given the default policy
+// is judged by the policy the server applies, and its claimed name is
+// marked unverified.
+void TestQueuePolicy::policyChangedJustBeforeTheJobCounts()
+{
+    const QString marked = QLatin1String(MarkedQueue);
+    // First the file names the marked queue's own policy (the server saves
+    // it within DirtyCleanInterval, set to a few seconds here).
+    const QString printersFile = m_server.serverRoot() + QStringLiteral("/printers.conf");
+    QElapsedTimer saving;
+    saving.start();
+    while (saving.elapsed() < SavedQueuesMs &&
+           queueOpPolicy(readFile(printersFile), marked) != QLatin1String(MarkedQueuePolicy))
+        QThread::msleep(100);
+    const QByteArray printersConf = readFile(printersFile);
+    QVERIFY2(queueOpPolicy(printersConf, marked) == QLatin1String(MarkedQueuePolicy),
+             printersConf.constData());
+    const RunResult opened =
+        m_server.admin(QStringLiteral("lpadmin"), {QStringLiteral("-p"), marked, QStringLiteral("-o"),
+                                                   QStringLiteral("printer-op-policy=default")});
+    QVERIFY2(opened.exitCode == 0, qPrintable(describe(opened)));
+    // The job follows at once, while the file still names the marked
+    // queue's policy.
+
+    const int printerJobsBefore = m_printer->jobs().size();
+    const RunResult run = printWithLp(marked, QLatin1String(ClaimedName));
+    const int job = QString::fromLocal8Bit(run.standardOutput)
+                        .section(QLatin1Char(' '), 3, 3)
+                        .section(QLatin1Char('-'), -1)
+                        .toInt();
+    QVERIFY2(run.exitCode == 0 && job > 0, qPrintable(describe(run)));
+    QVERIFY2(m_server.waitForJobs({job}, JobTimeoutMs), m_server.errorLog().right(4000).constData());
+    QCOMPARE(m_printer->jobs().size(), printerJobsBefore + 1);
+    QString error;
+    const QList<Sheet> sheets = readSheets(m_printer->jobs().last(), m_work.path(), &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QVERIFY(!sheets.isEmpty());
+    for (const Sheet& sheet : sheets)
+        QVERIFY2(!findWords(sheet, {QStringLiteral("User"), QLatin1String(ClaimedName),
+                                    QStringLiteral("(unverified)")})
+                      .isEmpty(),
+                 qPrintable(sheet.text()));
+    const QList<AuditRecord> records = auditRecordsOfJob(m_server.auditLogFile(), job, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().user, QLatin1String(ClaimedName));
+    QVERIFY(!records.first().userAuthenticated);
+
+    const RunResult closed = m_server.admin(
+        QStringLiteral("lpadmin"), {QStringLiteral("-p"), marked, QStringLiteral("-o"),
+                                    QStringLiteral("printer-op-policy=") + QLatin1String(MarkedQueuePolicy)});
+    QVERIFY2(closed.exitCode == 0, qPrintable(describe(closed)));
 }
 
 QTEST_GUILESS_MAIN(TestQueuePolicy)
