@@ -504,6 +504,10 @@
         <source>run quillet-queue as root, and make %1 a folder that root may write to (install -d -m 700 %1)</source>
         <translation>запустите quillet-queue от имени root и сделайте %1 папкой, в которую root может писать (install -d -m 700 %1)</translation>
     </message>
+    <message>
+        <source>set DefaultAuthType Basic in place of None in the server&apos;s cupsd.conf, so that users of other machines can give their password (under None the server takes none); the server restarted</source>
+        <translation>в cupsd.conf сервера DefaultAuthType None заменён на Basic, чтобы пользователи других машин могли ввести свой пароль (при None сервер паролей не принимает); сервер перезапущен</translation>
+    </message>
 </context>
 <context>
     <name>queuecheck</name>

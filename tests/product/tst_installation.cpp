@@ -105,6 +105,7 @@ class TestInstallation : public QObject
     void packageMatchesInstallation();
     void packageInstallsAndRemovesCleanly();
     void packagePassesLintian();
+    void everyMessageIsTranslated();
 
   private:
     // Builds the Debian package once, as scripts/package.sh does, in a build
@@ -592,6 +593,27 @@ void TestInstallation::packagePassesLintian()
         ++used;
     }
     QVERIFY(used > 0);
+}
+
+// The Russian translation holds every message of the programs, each with
+// its translation: lupdate run over the sources on a copy of it finds
+// nothing to add, nothing unfinished and nothing obsolete.
+void TestInstallation::everyMessageIsTranslated()
+{
+    QTemporaryDir work;
+    const QString source = QStringLiteral(QUILLET_SOURCE_DIR "/translations/quillet_ru.ts");
+    const QString copy = work.filePath(QStringLiteral("quillet_ru.ts"));
+    QVERIFY(QFile::copy(source, copy));
+    const RunResult updated =
+        runProgram(QStringLiteral(QUILLET_LUPDATE),
+                   {QStringLiteral("-no-obsolete"), QStringLiteral("-locations"), QStringLiteral("none"),
+                    QStringLiteral(QUILLET_SOURCE_DIR "/src"), QStringLiteral("-ts"), copy});
+    QVERIFY2(updated.exitCode == 0, updated.standardError.constData());
+    const QByteArray translations = readFile(copy);
+    QVERIFY2(!translations.contains("type=\"unfinished\""),
+             "a message has no translation: run lupdate (see translations/CMakeLists.txt) and translate it");
+    QVERIFY2(translations == readFile(source),
+             "translations/quillet_ru.ts is not up to date with the sources");
 }
 
 QTEST_GUILESS_MAIN(TestInstallation)
