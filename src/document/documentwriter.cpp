@@ -47,15 +47,48 @@ const char PageGuard[] = "userdict /QuilletPageMarked false put\n"
                          ">> setpagedevice\n";
 // - -  Print-safe duplex: every document page must be followed by its marked
 // back page before another page is shown. An unmarked page is shown only
-// when the page before it was a marked one (or it is the first).
+// when the page before it was a marked one (or it is the first), and none
+// once the last back page is out. What the guard knows lives in global VM,
+// which no restore of the document takes back: whether the front is out
+// (QuilletFrontShown), the front's paper (QuilletFrontSize, for its back
+// page) and whether the job's pages are all out (QuilletJobDone).
 const char DuplexPageGuard[] =
     "userdict /QuilletPageMarked false put\n"
-    "userdict /QuilletFrontShown false put\n"
-    "<< /EndPage { exch pop 2 ne { //userdict /QuilletPageMarked 2 copy known { get } { pop pop //false } ifelse "
-    "{ //userdict /QuilletPageMarked //false put //userdict /QuilletFrontShown //false put //true } "
-    "{ //userdict /QuilletFrontShown 2 copy known { get } { pop pop //false } ifelse "
-    "{ //false } { //userdict /QuilletFrontShown //true put //true } ifelse } ifelse } { //false } ifelse } bind "
-    ">> setpagedevice\n";
+    "//globaldict /QuilletFrontShown //false put\n"
+    "//globaldict /QuilletJobDone //false put\n"
+    "<< /EndPage { exch pop 2 ne //globaldict /QuilletJobDone get not and "
+    "{ //userdict /QuilletPageMarked 2 copy known { get } { pop pop //false } ifelse "
+    "{ //userdict /QuilletPageMarked //false put //globaldict /QuilletFrontShown //false put //true } "
+    "{ //globaldict /QuilletFrontShown get "
+    "{ //false } { //globaldict /QuilletFrontShown //true put //globaldict /QuilletFrontSize currentglobal "
+    "//true setglobal currentpagedevice /PageSize get aload pop 2 array astore exch setglobal put //true } "
+    "ifelse } ifelse } { //false } ifelse } bind "
+    ">> setpagedevice\n"
+    "/QuilletDuplexGuard currentpagedevice /EndPage get def\n";
+// Print-safe duplex, around a back page:
+//   - QuilletBackPageStart -  Shows the front when the document has not
+//     shown it yet (a page that an EPS figure shows only after its
+//     trailer's restore), keeps the document's graphics state, then puts
+//     the back page on the front's paper (a page that set its size inside
+//     its own save and restore, as ps2write writes them, has restored the
+//     device's own paper by now). What the front did is known only while
+//     the guard is the device's EndPage (a document may set its own).
+//   - QuilletBackPageEnd -  After the back page is shown: returns to the
+//     document's graphics state, so that its next page draws as it would
+//     have without the back page (showpage would have reset it).
+//   - QuilletJobEnd -  After the last back page: the guard shows no more
+//     pages.
+const char DuplexBackPageProcedures[] =
+    "/QuilletBackPageStart { currentpagedevice /EndPage get //QuilletDuplexGuard eq "
+    "{ //globaldict /QuilletFrontShown get not { //QuilletShowPage } if gsave "
+    "//globaldict /QuilletFrontSize 2 copy known { get dup aload pop currentpagedevice /PageSize get aload pop "
+    "3 -1 roll ne 3 1 roll ne or { 1 dict dup /PageSize 4 -1 roll put setpagedevice } { pop } ifelse } "
+    "{ pop pop } ifelse } { gsave } ifelse } bind def\n"
+    "/QuilletBackPageEnd { grestore } bind def\n"
+    "/QuilletJobEnd { //globaldict /QuilletJobDone //true put } bind def\n";
+const char BackPageStart[] = "QuilletBackPageStart\n";
+const char BackPageDone[] = "QuilletBackPageEnd\n";
+const char JobEnd[] = "QuilletJobEnd\n";
 // What print-safe output defines for the whole job lives in global VM, which
 // no restore of the document takes back (a document may save the VM before
 // its first page and restore it in its trailer, after its last).
@@ -417,8 +450,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
         Marker::writeBlockProcedures(out);
         out.write(GlobalVmProcedures);
         out.write(ShowMarkedPageProcedure);
-        if (!duplex)
-            out.write(PendingMarksProcedures);
+        out.write(duplex ? DuplexBackPageProcedures : PendingMarksProcedures);
     } else if (!duplex) {
         out.write(RedefineShowpage);
     }
@@ -484,11 +516,16 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
             out.write(pageLabel(2 * page));
             out.write(boundingBox);
             out.write(PageSetup);
+            if (safeOutput)
+                out.write(BackPageStart);
             marker.drawMarker(out, int(page), page == pageCount);
             if (stamp && page == pageCount)
                 marker.drawFonarik(out, stampCount);
             if (safeOutput) {
                 out.write(ShowMarkedPage);
+                out.write(BackPageDone);
+                if (page == pageCount)
+                    out.write(JobEnd);
                 out.write(PageTrailer);
                 Insertions::end(out);
             } else {

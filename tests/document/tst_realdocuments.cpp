@@ -16,7 +16,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-namespace {
+namespace
+{
 
 // Rendering resolution of every raster comparison, in dots per inch.
 const int Resolution = 60;
@@ -28,10 +29,18 @@ const double TopShift = 20;
 const double BottomShift = 6;
 const double SideShift = 40;
 const QByteArray MarkerDefinitions = "# Marker placement for the job's printer, in points.\n"
-                                     "MarkerTopShift=" + QByteArray::number(TopShift) + "\n"
-                                     "MarkerBottomShift=" + QByteArray::number(BottomShift) + "\n"
-                                     "MarkerLeftShift=" + QByteArray::number(SideShift) + "\n"
-                                     "MarkerRightShift=" + QByteArray::number(SideShift) + "\n"
+                                     "MarkerTopShift=" +
+                                     QByteArray::number(TopShift) +
+                                     "\n"
+                                     "MarkerBottomShift=" +
+                                     QByteArray::number(BottomShift) +
+                                     "\n"
+                                     "MarkerLeftShift=" +
+                                     QByteArray::number(SideShift) +
+                                     "\n"
+                                     "MarkerRightShift=" +
+                                     QByteArray::number(SideShift) +
+                                     "\n"
                                      "MarkerStringInterval=3\n";
 
 // Height of the margin bands that hold the marks, in points. The manual
@@ -45,10 +54,11 @@ const double BottomBandPoints = 18;
 const QString UserName = QStringLiteral("ivanov");
 const QString Label = QStringLiteral("SECRET");
 const QString CyrillicLabel = QStringLiteral("Секретно");
-const QByteArray MarkerTemplate = QStringLiteral("any:bold:12::top-center:SECRET\n"
-                                                 "any:normal:10::bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
-                                                 "any:normal:10::bottom-left:Секретно {job-originating-user-name}\n")
-                                      .toUtf8();
+const QByteArray MarkerTemplate =
+    QStringLiteral("any:bold:12::top-center:SECRET\n"
+                   "any:normal:10::bottom-right:Page {CURRENT_PAGE} of {NUM_PAGES}\n"
+                   "any:normal:10::bottom-left:Секретно {job-originating-user-name}\n")
+        .toUtf8();
 
 QString pageMark(int page, int pages)
 {
@@ -61,8 +71,7 @@ QString ownerMark()
 }
 
 // A document as it goes into the filter, with what the tools make of it.
-struct Document
-{
+struct Document {
     QString label;
     QString file;
     int pages = 0;
@@ -71,8 +80,7 @@ struct Document
 };
 
 // One run of the filter and what the tools make of its output.
-struct MarkedJob
-{
+struct MarkedJob {
     QSharedPointer<FixtureTree> tree;
     RunResult run;
     QString output;
@@ -136,7 +144,8 @@ QList<QByteArray> pageBoundingBoxes(const QList<QByteArray>& lines)
 // simplex) or the inserted back page ("%%Page: 2k 2k" up to "showpage" and
 // "%%PageTrailer", duplex). Returns a description of the first thing out of
 // place, or an empty string.
-QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>& output, bool duplex, int pages)
+QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>& output, bool duplex,
+                        int pages)
 {
     const int prologLine = qMax(0, findLine(input, "%%BeginProlog"));
     const int firstPage = findLine(input, "%%Page:");
@@ -154,7 +163,8 @@ QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>&
     // The head, with the showpage redefinition right after the prolog line.
     copy(prologLine + 1);
     if (!duplex) {
-        if (output.value(j) != "/showpagereal /showpage load def\n" || output.value(j + 1) != "/showpage {} def\n")
+        if (output.value(j) != "/showpagereal /showpage load def\n" ||
+            output.value(j + 1) != "/showpage {} def\n")
             return QStringLiteral("no showpage redefinition after output line %1").arg(j);
         j += 2;
     }
@@ -165,7 +175,8 @@ QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>&
     if (fontsEnd <= j)
         return QStringLiteral("no marker fonts before the first page (output line %1)").arg(j + 1);
     const QList<QByteArray> fonts = output.mid(j, fontsEnd - j);
-    for (const char* resource : {"%%BeginResource: font NimbusSans-Regular\n", "%%BeginResource: font NimbusSans-Bold\n"})
+    for (const char* resource :
+         {"%%BeginResource: font NimbusSans-Regular\n", "%%BeginResource: font NimbusSans-Bold\n"})
         if (!fonts.contains(resource))
             return QStringLiteral("the marker fonts lack the line %1").arg(lineText(resource));
     j = fontsEnd;
@@ -184,34 +195,43 @@ QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>&
             ++markerBlocks;
             if (markerBlocks != documentPages)
                 return QStringLiteral("marker block %1 (output line %2) stands in document page %3")
-                    .arg(markerBlocks).arg(j + 1).arg(documentPages);
+                    .arg(markerBlocks)
+                    .arg(j + 1)
+                    .arg(documentPages);
             j = end + 1;
             continue;
         }
         if (line.startsWith("%%Page:")) {
             const bool hasBox = output.value(j + 1).startsWith("%%PageBoundingBox:");
             const int setup = j + 1 + (hasBox ? 1 : 0);
-            const bool backPage = duplex && output.value(setup) == "%%BeginPageSetup\n"
-                                  && output.value(setup + 1) == "%%EndPageSetup\n"
-                                  && output.value(setup + 2) == "% Common variables:\n";
+            const bool backPage = duplex && output.value(setup) == "%%BeginPageSetup\n" &&
+                                  output.value(setup + 1) == "%%EndPageSetup\n" &&
+                                  output.value(setup + 2) == "% Common variables:\n";
             if (backPage) {
                 ++markerBlocks;
-                const QByteArray label = QByteArray("%%Page: ") + QByteArray::number(2 * markerBlocks) + ' '
-                                         + QByteArray::number(2 * markerBlocks) + '\n';
+                const QByteArray label = QByteArray("%%Page: ") + QByteArray::number(2 * markerBlocks) + ' ' +
+                                         QByteArray::number(2 * markerBlocks) + '\n';
                 if (line != label)
-                    return QStringLiteral("back page %1 is labelled %2").arg(markerBlocks).arg(lineText(line));
+                    return QStringLiteral("back page %1 is labelled %2")
+                        .arg(markerBlocks)
+                        .arg(lineText(line));
                 if (markerBlocks != documentPages)
                     return QStringLiteral("back page %1 (output line %2) follows document page %3")
-                        .arg(markerBlocks).arg(j + 1).arg(documentPages);
+                        .arg(markerBlocks)
+                        .arg(j + 1)
+                        .arg(documentPages);
                 const QByteArray box = hasBox ? output.at(j + 1) : QByteArray();
                 if (box != boxes.value(markerBlocks - 1))
                     return QStringLiteral("back page %1 has the bounding box line '%2' instead of '%3'")
-                        .arg(markerBlocks).arg(lineText(box), lineText(boxes.value(markerBlocks - 1)));
+                        .arg(markerBlocks)
+                        .arg(lineText(box), lineText(boxes.value(markerBlocks - 1)));
                 int end = setup + 3;
-                while (end + 1 < output.size() && !(output.at(end) == "showpage\n" && output.at(end + 1) == "%%PageTrailer\n"))
+                while (end + 1 < output.size() &&
+                       !(output.at(end) == "showpage\n" && output.at(end + 1) == "%%PageTrailer\n"))
                     ++end;
                 if (end + 1 >= output.size())
-                    return QStringLiteral("back page at output line %1 does not end in showpage and %%PageTrailer")
+                    return QStringLiteral(
+                               "back page at output line %1 does not end in showpage and %%PageTrailer")
                         .arg(j + 1);
                 j = end + 2;
                 continue;
@@ -228,7 +248,9 @@ QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>&
     // pages' labels may be renumbered and the trailer's page count doubled.
     if (rest.size() != input.size())
         return QStringLiteral("%1 lines remain where the input has %2; %3")
-            .arg(rest.size()).arg(input.size()).arg(firstDifference(rest.join(), input.join()));
+            .arg(rest.size())
+            .arg(input.size())
+            .arg(firstDifference(rest.join(), input.join()));
     int label = 0;
     for (int i = 0; i < input.size(); ++i) {
         const QByteArray& expected = input.at(i);
@@ -238,12 +260,13 @@ QString checkInsertions(const QList<QByteArray>& input, const QList<QByteArray>&
             if (actual == expected || actual == "%%Page: " + number + ' ' + number + '\n')
                 continue;
         }
-        if (duplex && i > firstPage && expected.startsWith("%%Pages:")
-            && actual == "%%Pages: " + QByteArray::number(2 * pages) + '\n')
+        if (duplex && i > firstPage && expected.startsWith("%%Pages:") &&
+            actual == "%%Pages: " + QByteArray::number(2 * pages) + '\n')
             continue;
         if (actual != expected)
             return QStringLiteral("input line %1 became '%2' instead of '%3'")
-                .arg(i + 1).arg(lineText(actual), lineText(expected));
+                .arg(i + 1)
+                .arg(lineText(actual), lineText(expected));
     }
     return QString();
 }
@@ -254,7 +277,7 @@ class TestRealDocuments : public QObject
 {
     Q_OBJECT
 
-private slots:
+  private slots:
     void initTestCase();
 
     void filterSucceeds_data();
@@ -274,8 +297,10 @@ private slots:
 
     void printSafePatternPrints_data();
     void printSafePatternPrints();
+    void printSafePatternPrintsInDuplex_data();
+    void printSafePatternPrintsInDuplex();
 
-private:
+  private:
     void addRows();
     bool addDocument(const QString& key, const QString& label, const QString& file);
     const MarkedJob& job(const QString& document, bool duplex);
@@ -309,10 +334,14 @@ bool TestRealDocuments::addDocument(const QString& key, const QString& label, co
     }
     document.pages = pdfPageCount(pdf);
     document.texts = pdfPageTexts(pdf);
-    if (document.pages < 2 || document.raster.size() != document.pages || document.texts.size() != document.pages) {
+    if (document.pages < 2 || document.raster.size() != document.pages ||
+        document.texts.size() != document.pages) {
         m_toolError = QStringLiteral("the input %1 has %2 pages, %3 rendered and %4 read as text; "
                                      "a document of at least two pages is needed")
-                          .arg(file).arg(document.pages).arg(document.raster.size()).arg(document.texts.size());
+                          .arg(file)
+                          .arg(document.pages)
+                          .arg(document.raster.size())
+                          .arg(document.texts.size());
         return false;
     }
     m_order.append(key);
@@ -322,8 +351,10 @@ bool TestRealDocuments::addDocument(const QString& key, const QString& label, co
 
 void TestRealDocuments::initTestCase()
 {
-    for (const char* program : {"groff", "gs", "ps2pdf", "pdfinfo", "pdftotext", "pdftops", "pdftocairo", "gzip"})
-        QVERIFY2(haveProgram(QLatin1String(program)), qPrintable(QStringLiteral("%1 is not installed").arg(program)));
+    for (const char* program :
+         {"groff", "gs", "ps2pdf", "pdfinfo", "pdftotext", "pdftops", "pdftocairo", "gzip"})
+        QVERIFY2(haveProgram(QLatin1String(program)),
+                 qPrintable(QStringLiteral("%1 is not installed").arg(program)));
     QVERIFY(m_work.isValid());
     const QList<RealDocument> documents = makeRealDocuments(m_work.path(), &m_toolError);
     QVERIFY2(!documents.isEmpty(), qPrintable(m_toolError));
@@ -348,9 +379,10 @@ const MarkedJob& TestRealDocuments::job(const QString& document, bool duplex)
     tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions);
     tree.copy(m_documents.value(document).file, QStringLiteral("job/input.ps"));
     tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
-    tree.write(QStringLiteral("job/job.vars"), "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
-    QStringList arguments = {QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"), QStringLiteral("job.vars"),
-                             QStringLiteral("output.ps")};
+    tree.write(QStringLiteral("job/job.vars"),
+               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
+    QStringList arguments = {QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"),
+                             QStringLiteral("job.vars"), QStringLiteral("output.ps")};
     if (duplex)
         arguments << QStringLiteral("--duplex");
     marked.run = tree.runQuillet(arguments);
@@ -395,7 +427,8 @@ void TestRealDocuments::filterSucceeds()
                             .arg(QString::fromLocal8Bit(marked.run.standardError))));
     QVERIFY(!readFile(marked.output).isEmpty());
     const int pages = m_documents.value(document).pages;
-    QVERIFY2(marked.variables.contains("\nNUM_PAGES=" + QByteArray::number(pages) + '\n'), marked.variables.constData());
+    QVERIFY2(marked.variables.contains("\nNUM_PAGES=" + QByteArray::number(pages) + '\n'),
+             marked.variables.constData());
 }
 
 void TestRealDocuments::outputRendersWithoutError_data()
@@ -459,7 +492,9 @@ void TestRealDocuments::markerTextOnEveryPage()
     for (int page = 1; page <= pages; ++page) {
         const int markedPage = duplex ? 2 * page : page;
         const QString text = marked.texts.at(markedPage - 1).simplified();
-        const QString where = QStringLiteral("output page %1 reads: %2 [...] %3").arg(markedPage).arg(text.left(200), text.right(200));
+        const QString where = QStringLiteral("output page %1 reads: %2 [...] %3")
+                                  .arg(markedPage)
+                                  .arg(text.left(200), text.right(200));
         QVERIFY2(text.contains(Label), qPrintable(where));
         QVERIFY2(text.contains(pageMark(page, pages)), qPrintable(where));
         QVERIFY2(text.contains(ownerMark()), qPrintable(where));
@@ -467,10 +502,11 @@ void TestRealDocuments::markerTextOnEveryPage()
             continue;
         QString rest = text;
         rest.remove(Label).remove(pageMark(page, pages)).remove(ownerMark());
-        QVERIFY2(rest.trimmed().isEmpty(), qPrintable(QStringLiteral("back page %1 also reads: %2").arg(markedPage).arg(rest)));
+        QVERIFY2(rest.trimmed().isEmpty(),
+                 qPrintable(QStringLiteral("back page %1 also reads: %2").arg(markedPage).arg(rest)));
         const QString documentPage = marked.texts.at(2 * page - 2);
-        QVERIFY2(!documentPage.contains(Label) && !documentPage.contains(CyrillicLabel)
-                     && !documentPage.contains(QRegularExpression(QStringLiteral("Page \\d+ of \\d+"))),
+        QVERIFY2(!documentPage.contains(Label) && !documentPage.contains(CyrillicLabel) &&
+                     !documentPage.contains(QRegularExpression(QStringLiteral("Page \\d+ of \\d+"))),
                  qPrintable(QStringLiteral("document page at output page %1 carries a mark: %2")
                                 .arg(2 * page - 1)
                                 .arg(documentPage.simplified().left(400))));
@@ -552,28 +588,36 @@ void TestRealDocuments::documentPixelsUntouched()
         QRect marks;
         if (duplex) {
             QCOMPARE(differingPixels(documentPage, original, 0, 0), qint64(0));
-            QCOMPARE(inkPixels(markPage, QRect(0, topBandHeight, width, height - topBandHeight - bottomBandHeight)),
+            QCOMPARE(inkPixels(markPage,
+                               QRect(0, topBandHeight, width, height - topBandHeight - bottomBandHeight)),
                      qint64(0));
             marks = inkBounds(markPage);
         } else {
             const qint64 outside = differingPixels(documentPage, original, topBandHeight, bottomBandHeight);
-            QVERIFY2(outside == 0, qPrintable(where + QStringLiteral(": %1 pixels differ outside the bands").arg(outside)));
+            QVERIFY2(outside == 0,
+                     qPrintable(where + QStringLiteral(": %1 pixels differ outside the bands").arg(outside)));
             const qint64 erased = erasedPixels(original, documentPage);
-            QVERIFY2(erased == 0, qPrintable(where + QStringLiteral(": the marks cover %1 pixels of the document").arg(erased)));
+            QVERIFY2(erased == 0,
+                     qPrintable(where +
+                                QStringLiteral(": the marks cover %1 pixels of the document").arg(erased)));
             marks = differenceBounds(documentPage, original);
         }
         const QRect topBand(0, 0, width, topBandHeight);
         const QRect bottomBand(0, height - bottomBandHeight, width, bottomBandHeight);
-        const qint64 topMarks = duplex ? inkPixels(markPage, topBand) : differingPixels(documentPage, original, topBand);
+        const qint64 topMarks =
+            duplex ? inkPixels(markPage, topBand) : differingPixels(documentPage, original, topBand);
         const qint64 bottomMarks =
             duplex ? inkPixels(markPage, bottomBand) : differingPixels(documentPage, original, bottomBand);
         QVERIFY2(topMarks > 0, qPrintable(where + QStringLiteral(": nothing marked in the top band")));
         QVERIFY2(bottomMarks > 0, qPrintable(where + QStringLiteral(": nothing marked in the bottom band")));
 
         const QString placement = where + QStringLiteral(": marks span x %1..%2, y %3..%4 of %5x%6")
-                                              .arg(marks.left()).arg(marks.right())
-                                              .arg(marks.top()).arg(marks.bottom())
-                                              .arg(width).arg(height);
+                                              .arg(marks.left())
+                                              .arg(marks.right())
+                                              .arg(marks.top())
+                                              .arg(marks.bottom())
+                                              .arg(width)
+                                              .arg(height);
         QVERIFY2(marks.top() >= top, qPrintable(placement));
         QVERIFY2(marks.bottom() <= height - 1 - bottom, qPrintable(placement));
         QVERIFY2(marks.left() >= side, qPrintable(placement));
@@ -643,7 +687,8 @@ void TestRealDocuments::printSafePatternPrints()
     tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
     tree.copy(file, QStringLiteral("job/input.ps"));
     tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
-    tree.write(QStringLiteral("job/job.vars"), "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
+    tree.write(QStringLiteral("job/job.vars"),
+               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
     const RunResult run = tree.runQuillet({QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"),
                                            QStringLiteral("job.vars"), QStringLiteral("output.ps")});
     QVERIFY2(run.exitCode == 0, qPrintable(QString::fromLocal8Bit(run.standardError)));
@@ -664,11 +709,13 @@ void TestRealDocuments::printSafePatternPrints()
         QCOMPARE(after.width, before.width);
         QCOMPARE(after.height, before.height);
         const qint64 outside = differingPixels(after, before, topBand, bottomBand);
-        QVERIFY2(outside == 0, qPrintable(where + QStringLiteral(": %1 pixels differ outside the bands").arg(outside)));
+        QVERIFY2(outside == 0,
+                 qPrintable(where + QStringLiteral(": %1 pixels differ outside the bands").arg(outside)));
         QVERIFY2(differingPixels(after, before, QRect(0, 0, after.width, topBand)) > 0,
                  qPrintable(where + QStringLiteral(": nothing marked in the top band")));
-        QVERIFY2(differingPixels(after, before, QRect(0, after.height - bottomBand, after.width, bottomBand)) > 0,
-                 qPrintable(where + QStringLiteral(": nothing marked in the bottom band")));
+        QVERIFY2(
+            differingPixels(after, before, QRect(0, after.height - bottomBand, after.width, bottomBand)) > 0,
+            qPrintable(where + QStringLiteral(": nothing marked in the bottom band")));
     }
 
     const QString pdf = tree.path(QStringLiteral("job/output.pdf"));
@@ -679,6 +726,83 @@ void TestRealDocuments::printSafePatternPrints()
         const QString text = texts.at(page - 1).simplified();
         QVERIFY2(text.contains(Label) && text.contains(pageMark(page, pages)) && text.contains(ownerMark()),
                  qPrintable(QStringLiteral("sheet %1 reads: %2").arg(page).arg(text.left(300))));
+    }
+}
+
+// A sheet of paper with nothing on it.
+GrayPage blankPage(int width, int height)
+{
+    GrayPage page;
+    page.width = width;
+    page.height = height;
+    page.pixels = QByteArray(width * height, char(255));
+    return page;
+}
+
+void TestRealDocuments::printSafePatternPrintsInDuplex_data()
+{
+    printSafePatternPrints_data();
+}
+
+// In duplex the same documents print every page as it prints unmarked,
+// followed by its back page on the same paper carrying the marks, and
+// nothing else: no sheet the document shows after its last page.
+void TestRealDocuments::printSafePatternPrintsInDuplex()
+{
+    QFETCH(QString, file);
+    QString error;
+    const QList<GrayPage> original = renderPages(file, Resolution, &error);
+    QVERIFY2(error.isEmpty() && !original.isEmpty(), qPrintable(error));
+
+    FixtureTree tree;
+    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
+    tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
+    tree.copy(file, QStringLiteral("job/input.ps"));
+    tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
+    tree.write(QStringLiteral("job/job.vars"),
+               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
+    const RunResult run = tree.runQuillet({QStringLiteral("--duplex"), QStringLiteral("input.ps"),
+                                           QStringLiteral("marker.tmpl"), QStringLiteral("job.vars"),
+                                           QStringLiteral("output.ps")});
+    QVERIFY2(run.exitCode == 0, qPrintable(QString::fromLocal8Bit(run.standardError)));
+    const QString output = tree.path(QStringLiteral("job/output.ps"));
+    const QString errors = ghostscriptErrors(output);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    const QList<GrayPage> marked = renderPages(output, Resolution, &error);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    const int pages = original.size();
+    QCOMPARE(marked.size(), 2 * pages);
+
+    const int topBand = pointsToPixels(TopBandPoints, Resolution);
+    const int bottomBand = pointsToPixels(BottomBandPoints, Resolution);
+    for (int page = 0; page < pages; ++page) {
+        const GrayPage& before = original.at(page);
+        const GrayPage& front = marked.at(2 * page);
+        const GrayPage& back = marked.at(2 * page + 1);
+        const QString where = QStringLiteral("page %1").arg(page + 1);
+        // The front is the document's page as it is; the back has its paper.
+        QCOMPARE(front.width, before.width);
+        QCOMPARE(front.height, before.height);
+        QVERIFY2(differingPixels(front, before, QRect(0, 0, front.width, front.height)) == 0,
+                 qPrintable(where + QStringLiteral(": the front differs from the page")));
+        QCOMPARE(back.width, before.width);
+        QCOMPARE(back.height, before.height);
+        QVERIFY2(differingPixels(back, blankPage(back.width, back.height), QRect(0, 0, back.width, topBand)) >
+                     0,
+                 qPrintable(where + QStringLiteral(": nothing marked in the back's top band")));
+        QVERIFY2(differingPixels(back, blankPage(back.width, back.height),
+                                 QRect(0, back.height - bottomBand, back.width, bottomBand)) > 0,
+                 qPrintable(where + QStringLiteral(": nothing marked in the back's bottom band")));
+    }
+
+    const QString pdf = tree.path(QStringLiteral("job/output.pdf"));
+    QVERIFY2(convertToPdf(output, pdf, &error), qPrintable(error));
+    const QStringList texts = pdfPageTexts(pdf);
+    QCOMPARE(texts.size(), 2 * pages);
+    for (int page = 1; page <= pages; ++page) {
+        const QString text = texts.at(2 * page - 1).simplified();
+        QVERIFY2(text.contains(Label) && text.contains(ownerMark()),
+                 qPrintable(QStringLiteral("back of page %1 reads: %2").arg(page).arg(text.left(300))));
     }
 }
 
