@@ -235,7 +235,11 @@ QList<HostileDocument> hostileDocuments()
             // The real showpage after grestoreall, and after restoring a save
             // made before the prolog.
             {"grestoreall", 4, 3, false},
-            {"restore-before-prolog-save", 4, 3, false}};
+            {"restore-before-prolog-save", 4, 3, false},
+            // Every page shown twice, each time inside a save and restore
+            // of its own, which would take back a guard's note kept in
+            // local VM that the page was shown.
+            {"restore-hides-front", 6, 3, false}};
 }
 
 // A document of boxes like the hand-written ones, without any trick.
@@ -298,6 +302,8 @@ private slots:
 
     void hostileDocumentMarkedOrRefused_data();
     void hostileDocumentMarkedOrRefused();
+    void hostileDocumentInDuplex_data();
+    void hostileDocumentInDuplex();
 
 private:
     QString make(const QString& name) const { return m_work.filePath(name); }
@@ -1208,6 +1214,39 @@ void TestSafeOutput::hostileDocumentMarkedOrRefused()
                                                     .arg(sheet + 1)
                                                     .arg(differing)));
         }
+    }
+}
+
+void TestSafeOutput::hostileDocumentInDuplex_data()
+{
+    QTest::addColumn<QString>("document");
+    QTest::addColumn<int>("pages");
+    for (const HostileDocument& hostile : hostileDocuments()) {
+        if (!hostile.refused)
+            QTest::newRow(hostile.name) << QString::fromLatin1(hostile.name) << hostile.pages;
+    }
+}
+
+// In duplex the same documents print one sheet of paper per page: a front,
+// then its back page carrying the marks; no sheet more, whatever the page
+// shows and restores.
+void TestSafeOutput::hostileDocumentInDuplex()
+{
+    QFETCH(QString, document);
+    QFETCH(int, pages);
+    const Job& marked = job(document, MarkTemplate, true, SafeOutput);
+    QVERIFY2(marked.run.exitCode == 0 && !marked.bytes.isEmpty(), qPrintable(describeRun(marked.run)));
+    const QString errors = ghostscriptErrors(marked.output);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors));
+    const QList<GrayPage> sheets = renderPages(marked.output, Resolution);
+    QCOMPARE(sheets.size(), 2 * pages);
+    const int topBand = pointsToPixels(TopBandPoints, Resolution);
+    const int bottomBand = pointsToPixels(BottomBandPoints, Resolution);
+    for (int back = 1; back < sheets.size(); back += 2) {
+        const GrayPage& page = sheets.at(back);
+        for (const QRect& band : {QRect(0, 0, page.width, topBand),
+                                  QRect(0, page.height - bottomBand, page.width, bottomBand)})
+            QVERIFY2(inkPixels(page, band) > 0, qPrintable(QStringLiteral("sheet %1 has no marks").arg(back + 1)));
     }
 }
 
