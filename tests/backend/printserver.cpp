@@ -389,6 +389,20 @@ RunResult PrintServer::admin(const QString& program, const QStringList& argument
                       {QStringLiteral("CUPS_SERVER=") + m_dir.filePath(QStringLiteral("cups.sock"))});
 }
 
+RunResult PrintServer::runInServerNamespace(const QStringList& command, const QStringList& environment,
+                                            const QString& workFolder) const
+{
+    return runProgram(
+        QStringLiteral("nsenter"),
+        QStringList{QStringLiteral("-t"), QString::number(serverProcessId()), QStringLiteral("-m"),
+                    QStringLiteral("--")} +
+            command,
+        QStringList{QStringLiteral("CUPS_SERVER=") + m_dir.filePath(QStringLiteral("cups.sock")),
+                    QStringLiteral("CUPS_SERVERROOT=") + serverRoot()} +
+            environment,
+        workFolder, 300000);
+}
+
 int PrintServer::print(const QStringList& arguments, QString* error) const
 {
     const RunResult run =

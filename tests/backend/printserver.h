@@ -87,6 +87,14 @@ class PrintServer
     // Runs a CUPS client program as root against this server.
     RunResult admin(const QString& program, const QStringList& arguments) const;
 
+    // Runs a command as root inside the server's mount namespace (where the
+    // stand-in folders are the system's, as the backend sees them), told
+    // this server and its configuration folder as CUPS's own commands are
+    // (CUPS_SERVER, CUPS_SERVERROOT), with `environment` besides, in
+    // `workFolder`.
+    RunResult runInServerNamespace(const QStringList& command, const QStringList& environment,
+                                   const QString& workFolder) const;
+
     // Runs lp as the unprivileged user "nobody"; returns the job id or 0
     // (with *error set).
     int print(const QStringList& arguments, QString* error) const;

@@ -662,6 +662,46 @@ void TestRealDocuments::inputLinesSurvive()
     QVERIFY2(problem.isEmpty(), qPrintable(problem));
 }
 
+// A pattern document marked with print-safe output in the tree: the
+// document rendered unmarked and marked, and the marked file; `problem`
+// says what went wrong, empty when nothing did.
+struct MarkedPattern {
+    QList<GrayPage> original;
+    QList<GrayPage> marked;
+    QString output;
+    QString problem;
+};
+
+MarkedPattern markPattern(FixtureTree& tree, const QString& file, bool duplex)
+{
+    MarkedPattern pattern;
+    pattern.original = renderPages(file, Resolution, &pattern.problem);
+    if (pattern.problem.isEmpty() && pattern.original.isEmpty())
+        pattern.problem = QStringLiteral("%1 shows no page").arg(file);
+    if (!pattern.problem.isEmpty())
+        return pattern;
+    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
+    tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
+    tree.copy(file, QStringLiteral("job/input.ps"));
+    tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
+    tree.write(QStringLiteral("job/job.vars"),
+               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
+    QStringList arguments{QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"),
+                          QStringLiteral("job.vars"), QStringLiteral("output.ps")};
+    if (duplex)
+        arguments.prepend(QStringLiteral("--duplex"));
+    const RunResult run = tree.runQuillet(arguments);
+    if (run.exitCode != 0) {
+        pattern.problem = QString::fromLocal8Bit(run.standardError);
+        return pattern;
+    }
+    pattern.output = tree.path(QStringLiteral("job/output.ps"));
+    pattern.problem = ghostscriptErrors(pattern.output);
+    if (pattern.problem.isEmpty())
+        pattern.marked = renderPages(pattern.output, Resolution, &pattern.problem);
+    return pattern;
+}
+
 void TestRealDocuments::printSafePatternPrints_data()
 {
     QTest::addColumn<QString>("file");
@@ -678,25 +718,13 @@ void TestRealDocuments::printSafePatternPrints_data()
 void TestRealDocuments::printSafePatternPrints()
 {
     QFETCH(QString, file);
-    QString error;
-    const QList<GrayPage> original = renderPages(file, Resolution, &error);
-    QVERIFY2(error.isEmpty() && !original.isEmpty(), qPrintable(error));
-
     FixtureTree tree;
-    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
-    tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
-    tree.copy(file, QStringLiteral("job/input.ps"));
-    tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
-    tree.write(QStringLiteral("job/job.vars"),
-               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
-    const RunResult run = tree.runQuillet({QStringLiteral("input.ps"), QStringLiteral("marker.tmpl"),
-                                           QStringLiteral("job.vars"), QStringLiteral("output.ps")});
-    QVERIFY2(run.exitCode == 0, qPrintable(QString::fromLocal8Bit(run.standardError)));
-    const QString output = tree.path(QStringLiteral("job/output.ps"));
-    const QString errors = ghostscriptErrors(output);
-    QVERIFY2(errors.isEmpty(), qPrintable(errors));
-    const QList<GrayPage> marked = renderPages(output, Resolution, &error);
-    QVERIFY2(error.isEmpty(), qPrintable(error));
+    const MarkedPattern pattern = markPattern(tree, file, false);
+    QVERIFY2(pattern.problem.isEmpty(), qPrintable(pattern.problem));
+    const QList<GrayPage>& original = pattern.original;
+    const QList<GrayPage>& marked = pattern.marked;
+    const QString& output = pattern.output;
+    QString error;
     QCOMPARE(marked.size(), original.size());
 
     const int pages = original.size();
@@ -750,26 +778,13 @@ void TestRealDocuments::printSafePatternPrintsInDuplex_data()
 void TestRealDocuments::printSafePatternPrintsInDuplex()
 {
     QFETCH(QString, file);
-    QString error;
-    const QList<GrayPage> original = renderPages(file, Resolution, &error);
-    QVERIFY2(error.isEmpty() && !original.isEmpty(), qPrintable(error));
-
     FixtureTree tree;
-    tree.copy(catalogueDir(), QStringLiteral("share-cups"));
-    tree.write(QStringLiteral("etc-cups/marker.defs"), MarkerDefinitions + "MarkerSafeOutput=1\n");
-    tree.copy(file, QStringLiteral("job/input.ps"));
-    tree.write(QStringLiteral("job/marker.tmpl"), MarkerTemplate);
-    tree.write(QStringLiteral("job/job.vars"),
-               "job-originating-user-name=" + UserName.toUtf8() + "\ncopies=1\n");
-    const RunResult run = tree.runQuillet({QStringLiteral("--duplex"), QStringLiteral("input.ps"),
-                                           QStringLiteral("marker.tmpl"), QStringLiteral("job.vars"),
-                                           QStringLiteral("output.ps")});
-    QVERIFY2(run.exitCode == 0, qPrintable(QString::fromLocal8Bit(run.standardError)));
-    const QString output = tree.path(QStringLiteral("job/output.ps"));
-    const QString errors = ghostscriptErrors(output);
-    QVERIFY2(errors.isEmpty(), qPrintable(errors));
-    const QList<GrayPage> marked = renderPages(output, Resolution, &error);
-    QVERIFY2(error.isEmpty(), qPrintable(error));
+    const MarkedPattern pattern = markPattern(tree, file, true);
+    QVERIFY2(pattern.problem.isEmpty(), qPrintable(pattern.problem));
+    const QList<GrayPage>& original = pattern.original;
+    const QList<GrayPage>& marked = pattern.marked;
+    const QString& output = pattern.output;
+    QString error;
     const int pages = original.size();
     QCOMPARE(marked.size(), 2 * pages);
 

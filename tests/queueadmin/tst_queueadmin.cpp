@@ -180,33 +180,23 @@ class TestQueueAdmin : public QObject
     PrintServer m_server;
     std::unique_ptr<StandInPrinter> m_printer;
     qint64 m_serverPid = 0;
-    QString m_socket;
     QString m_siteKey;
 };
 
 RunResult TestQueueAdmin::queueCommand(const QStringList& arguments) const
 {
-    return runProgram(QStringLiteral("nsenter"),
-                      QStringList{QStringLiteral("-t"), QString::number(m_serverPid), QStringLiteral("-m"),
-                                  QStringLiteral("--"), QStringLiteral(QUILLET_QUEUE_EXECUTABLE)} +
-                          arguments,
-                      {QStringLiteral("CUPS_SERVER=") + m_socket,
-                       QStringLiteral("CUPS_SERVERROOT=") + m_server.serverRoot(), QStringLiteral("LC_ALL=C"),
-                       QStringLiteral("LANG=C")},
-                      m_work.path(), 300000);
+    return m_server.runInServerNamespace(QStringList{QStringLiteral(QUILLET_QUEUE_EXECUTABLE)} + arguments,
+                                         {QStringLiteral("LC_ALL=C"), QStringLiteral("LANG=C")},
+                                         m_work.path());
 }
 
 RunResult TestQueueAdmin::queueCommandWithBytes(const QList<QByteArray>& arguments, const QString& lang) const
 {
     const QByteArray script = execWithBytesScript(arguments);
-    return runProgram(QStringLiteral("nsenter"),
-                      {QStringLiteral("-t"), QString::number(m_serverPid), QStringLiteral("-m"),
-                       QStringLiteral("--"), QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                       QString::fromLatin1(script), QStringLiteral(QUILLET_QUEUE_EXECUTABLE)},
-                      {QStringLiteral("CUPS_SERVER=") + m_socket,
-                       QStringLiteral("CUPS_SERVERROOT=") + m_server.serverRoot(), QStringLiteral("LC_ALL="),
-                       QStringLiteral("LANG=") + lang},
-                      m_work.path(), 300000);
+    return m_server.runInServerNamespace(
+        {QStringLiteral("/bin/sh"), QStringLiteral("-c"), QString::fromLatin1(script),
+         QStringLiteral(QUILLET_QUEUE_EXECUTABLE)},
+        {QStringLiteral("LC_ALL="), QStringLiteral("LANG=") + lang}, m_work.path());
 }
 
 QString TestQueueAdmin::queueFile(const QString& queue, const char* suffix) const
@@ -235,7 +225,6 @@ void TestQueueAdmin::initTestCase()
     QVERIFY(m_work.isValid());
     QString error;
     QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
-    m_socket = QFileInfo(m_server.serverRoot()).path() + QStringLiteral("/cups.sock");
 
     // The print server runs in the sandbox's namespace: its cupsd is the
     // process started with this server's configuration.

@@ -252,21 +252,15 @@ class TestQueuePolicy : public QObject
     PrintServer m_server;
     std::unique_ptr<StandInPrinter> m_printer;
     qint64 m_serverPid = 0;
-    QString m_socket;
     QString m_document;
     QList<FileState> m_accountFilesBefore;
 };
 
 RunResult TestQueuePolicy::queueCommand(const QStringList& arguments) const
 {
-    return runProgram(QStringLiteral("nsenter"),
-                      QStringList{QStringLiteral("-t"), QString::number(m_serverPid), QStringLiteral("-m"),
-                                  QStringLiteral("--"), QStringLiteral(QUILLET_QUEUE_EXECUTABLE)} +
-                          arguments,
-                      {QStringLiteral("CUPS_SERVER=") + m_socket,
-                       QStringLiteral("CUPS_SERVERROOT=") + m_server.serverRoot(), QStringLiteral("LC_ALL=C"),
-                       QStringLiteral("LANG=C")},
-                      m_work.path(), 300000);
+    return m_server.runInServerNamespace(QStringList{QStringLiteral(QUILLET_QUEUE_EXECUTABLE)} + arguments,
+                                         {QStringLiteral("LC_ALL=C"), QStringLiteral("LANG=C")},
+                                         m_work.path());
 }
 
 RunResult TestQueuePolicy::printWithLp(const QString& queue, const QString& name) const
@@ -316,7 +310,6 @@ void TestQueuePolicy::initTestCase()
     QString error;
     QVERIFY2(m_server.start(QStringLiteral(QUILLET_BACKEND), &error), qPrintable(error));
     QVERIFY(m_server.networkPort() > 0);
-    m_socket = QFileInfo(m_server.serverRoot()).path() + QStringLiteral("/cups.sock");
     m_serverPid = m_server.serverProcessId();
     QVERIFY2(m_serverPid > 0, "the private cupsd was not found");
 
