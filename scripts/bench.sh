@@ -565,7 +565,11 @@ driverless_part() {
             for queue in quillet-pwg plain-pwg quillet-pdf plain-pdf; do driverless_run "$queue"; done
         fi
     done
-    kill "$cupsd" "${printers[@]}" 2>/dev/null || true
+    # unshare, the outermost process of each printer, ignores SIGTERM while
+    # it waits for its namespace; SIGKILL ends it and, through
+    # --kill-child, every process of the printer's namespace.
+    kill "$cupsd" 2>/dev/null || true
+    kill -KILL "${printers[@]}" 2>/dev/null || true
     wait "$cupsd" 2>/dev/null || true
 
     echo
