@@ -44,15 +44,6 @@ QByteArray jobPath(const FixtureTree& tree, const QByteArray& name)
     return QFile::encodeName(tree.job()) + '/' + name;
 }
 
-bool writeRaw(const QByteArray& path, const QByteArray& content)
-{
-    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    const bool written = ::write(fd, content.constData(), size_t(content.size())) == content.size();
-    return ::close(fd) == 0 && written;
-}
-
 QByteArray readRaw(const QByteArray& path)
 {
     QByteArray content;

@@ -94,17 +94,6 @@ enum class Breakage {
     AuditLogUnwritable,
 };
 
-// A file written through the bytes of its name, which need not be text in
-// any encoding.
-bool writeRaw(const QByteArray& path, const QByteArray& content)
-{
-    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    const bool written = ::write(fd, content.constData(), size_t(content.size())) == content.size();
-    return ::close(fd) == 0 && written;
-}
-
 // Removes a file by the bytes of its name when it goes out of scope: the
 // work folder's own removal goes through names as text, which loses such
 // names.

@@ -17,6 +17,9 @@
 #include <QTest>
 #include <QThread>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 FixtureTree::FixtureTree()
 {
     for (const char* folder : {"etc-cups", "share-cups", "translations", "job", "audit-log"})
@@ -223,6 +226,15 @@ QByteArray execWithBytesScript(const QList<QByteArray>& arguments)
         words += " \"$" + variable + '"';
     }
     return script + "exec \"$0\"" + words;
+}
+
+bool writeRaw(const QByteArray& path, const QByteArray& content)
+{
+    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    const bool written = ::write(fd, content.constData(), size_t(content.size())) == content.size();
+    return ::close(fd) == 0 && written;
 }
 
 QByteArray minimalDocument(int pages)

@@ -127,6 +127,10 @@ QByteArray minimalDocument(int pages = 1);
 // octal escapes), so that names that are not valid text reach it as they are.
 QByteArray execWithBytesScript(const QList<QByteArray>& arguments);
 
+// Writes a file through the bytes of its name, which need not be text in
+// any encoding.
+bool writeRaw(const QByteArray& path, const QByteArray& content);
+
 // The pairs of "key=value" lines, as the filter writes the variables file.
 // Each line is split at its first "="; lines without one are left out.
 QMap<QString, QString> parseKeyValues(const QByteArray& bytes);
