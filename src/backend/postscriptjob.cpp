@@ -47,16 +47,33 @@ bool copyRest(QIODevice& input, QIODevice& output)
 // *markerFonts, else keeping it there for the next copies.
 bool copyUpToMarkerFonts(QIODevice& copy, QIODevice& stream, QByteArray* markerFonts)
 {
-    QByteArray line = copy.readLine();
-    while (!line.isEmpty()) {
-        const QByteArray next = copy.readLine();
-        if (!Insertions::opensMarkerFonts(line, next)) {
-            if (stream.write(line) != line.size())
+    // Lines are read into one buffer; a line longer than it comes in pieces,
+    // of which only the first starts a line. Only after an insertion's begin
+    // line is the next line read on its own, to tell the fonts' insertion.
+    QByteArray buffer(int(BlockSize), Qt::Uninitialized);
+    bool atLineStart = true;
+    for (;;) {
+        const qint64 got = copy.readLine(buffer.data(), BlockSize);
+        if (got <= 0)
+            return copy.atEnd();
+        const QByteArray piece = QByteArray::fromRawData(buffer.constData(), int(got));
+        const bool begins = atLineStart && Insertions::isBegin(piece);
+        atLineStart = piece.endsWith('\n');
+        if (!begins) {
+            if (stream.write(piece) != piece.size())
                 return false;
-            line = next;
             continue;
         }
-        QByteArray fonts = line + next;
+        const QByteArray next = copy.readLine();
+        if (!Insertions::opensMarkerFonts(piece, next)) {
+            // Another insertion, whose first line begins none.
+            atLineStart = next.endsWith('\n');
+            const QByteArray lines = piece + next;
+            if (stream.write(lines) != lines.size())
+                return false;
+            continue;
+        }
+        QByteArray fonts = piece + next;
         QByteArray more;
         do {
             more = copy.readLine();
@@ -70,7 +87,6 @@ bool copyUpToMarkerFonts(QIODevice& copy, QIODevice& stream, QByteArray* markerF
             return true;
         return stream.write(fonts) == fonts.size();
     }
-    return copy.atEnd();
 }
 
 } // namespace

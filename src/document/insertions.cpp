@@ -135,9 +135,14 @@ void endMarkerFonts(QIODevice& output)
     end(output);
 }
 
+bool isBegin(const QByteArray& line)
+{
+    return line == BeginLine;
+}
+
 bool opensMarkerFonts(const QByteArray& line, const QByteArray& next)
 {
-    return line == BeginLine && next == GlobalVmBegin;
+    return isBegin(line) && next == GlobalVmBegin;
 }
 
 bool isEnd(const QByteArray& line)

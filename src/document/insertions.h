@@ -27,8 +27,9 @@ void end(QIODevice& output);
 void beginMarkerFonts(QIODevice& output);
 void endMarkerFonts(QIODevice& output);
 
-// Whether two lines open the insertion of the marker fonts, and whether a
-// line ends an insertion.
+// Whether a line begins an insertion, whether two lines open the insertion
+// of the marker fonts, and whether a line ends an insertion.
+bool isBegin(const QByteArray& line);
 bool opensMarkerFonts(const QByteArray& line, const QByteArray& next);
 bool isEnd(const QByteArray& line);
 

@@ -412,6 +412,12 @@ void TestBackendParts::markerFontsGoOnceIntoTheStream_data()
     // fonts'; the others of every copy stay.
     const QByteArray pageBlock = "%quillet-insertion-begin\nQuilletGlobal {\n} QuilletPageStart\n"
                                  "%quillet-insertion-end\n";
+    // A line longer than the copy's read buffer whose last 25 bytes read
+    // like a begin line does not begin the insertion after it.
+    const QByteArray glued = "%" + QByteArray(65534, 'x') + fonts;
+    QTest::newRow("a long line that ends like a begin line")
+        << QList<QByteArray>{markedCopy(glued + fonts, 1), markedCopy(glued + fonts, 2)}
+        << QList<QByteArray>{markedCopy(glued + fonts, 1), markedCopy(glued, 2)} << true;
     QTest::newRow("a page's insertion is not the fonts'")
         << QList<QByteArray>{markedCopy(pageBlock, 1), markedCopy(pageBlock, 2)}
         << QList<QByteArray>{markedCopy(pageBlock, 1), markedCopy(pageBlock, 2)} << true;
