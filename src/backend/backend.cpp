@@ -213,7 +213,7 @@ class JobRun
     bool joinCopy(int copy, QFile& stream, QString* error);
     qint64 sheetsPerCopy() const;
     ChildCommand realBackendCommand(const QString& program, int input);
-    bool printerAbortedJob(int* printerJob) const;
+    bool printerAbortedJob() const;
 
     QList<QByteArray> m_argv;
     JobFacts m_job;
@@ -743,15 +743,14 @@ int JobRun::send()
         }
         return RefusedJobStatus;
     }
-    int printerJob = 0;
-    if (result.exitStatus == BackendOk && printerAbortedJob(&printerJob)) {
+    if (result.exitStatus == BackendOk && printerAbortedJob()) {
         m_deviceStatus = RefusedJobStatus;
         message(
             QStringLiteral("ERROR: quillet: the printer took job %1 as its job %2 and then did not print it")
                 .arg(logText(m_job.jobId))
-                .arg(printerJob));
+                .arg(m_printerJob));
         audit(AuditDeviceFailed, QStringLiteral("the printer ended its job %1 without printing it; %2")
-                                     .arg(printerJob)
+                                     .arg(m_printerJob)
                                      .arg(taken));
         return m_deviceStatus;
     }
@@ -774,9 +773,8 @@ int JobRun::send()
 // backend still ends as if it had printed: the printer is asked how the job
 // that the backend named ended. A printer that does not say counts as having
 // printed it.
-bool JobRun::printerAbortedJob(int* printerJob) const
+bool JobRun::printerAbortedJob() const
 {
-    *printerJob = m_printerJob;
     if (m_printerJob <= 0)
         return false;
     const int state = printerJobState(m_device.uri, m_printerJob, PrinterQueryTimeoutMs);
