@@ -40,6 +40,8 @@ namespace
 constexpr int PrinterLifetimeMs = 600000;
 // How long a job of a few pages may take to be marked and sent.
 constexpr int JobTimeoutMs = 180000;
+// How long cupsd may take to log a request it has answered.
+constexpr int AccessLogMs = 20000;
 // How often the print server saves changed queues to printers.conf, and how
 // long a test waits for that.
 const char SaveInterval[] = "DirtyCleanInterval 10";
@@ -453,7 +455,17 @@ void TestQueuePolicy::networkClientPrints()
         submission = printWithLibrary(m_server.networkPort(), queue, login, requestingName, password,
                                       encrypted, m_document);
     }
-    const QList<AccessLine> submissions = jobSubmissions(m_server.accessLog().mid(accessBefore), queue);
+    // cupsd writes a request's line to its access log after it has answered
+    // it: the line of the last answer may come a moment after the client
+    // has it (seen under the sanitizers).
+    QList<AccessLine> submissions = jobSubmissions(m_server.accessLog().mid(accessBefore), queue);
+    QElapsedTimer logging;
+    logging.start();
+    while ((submissions.isEmpty() || (submission.accepted && submissions.last().status != 200)) &&
+           logging.elapsed() < AccessLogMs) {
+        QThread::msleep(50);
+        submissions = jobSubmissions(m_server.accessLog().mid(accessBefore), queue);
+    }
     const QByteArray serverLog = m_server.errorLog().mid(errorBefore);
 
     if (!printed) {
