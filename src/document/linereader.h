@@ -19,15 +19,16 @@ inline bool startsWith(std::string_view line, std::string_view prefix)
 class ByteSet
 {
   public:
-    explicit ByteSet(std::string_view bytes)
-    {
-        for (const char c : bytes)
-            m_members[static_cast<unsigned char>(c)] = true;
-    }
+    explicit ByteSet(std::string_view bytes);
     bool contains(char c) const { return m_members[static_cast<unsigned char>(c)]; }
+
+    // The first line that begins after begin and before end with a byte of
+    // the set, or nullptr; begin is the start of a line.
+    const char* findLineStart(const char* begin, const char* end) const;
 
   private:
     std::array<bool, 256> m_members{};
+    int m_onlyMember = -1; // the byte value when the set has one member
 };
 
 // Splits what a device holds into lines: each ends with its "\n", the last
@@ -59,6 +60,10 @@ class LineReader
     // Keeps the unread bytes and reads more after them; false when the
     // device has nothing more.
     bool fill();
+
+    // Passes over the line at the block's start, which has no "\n" in the
+    // block; false when the input ends first.
+    bool passLine(qint64& skipped);
 
     QIODevice& m_device;
     QByteArray m_block;

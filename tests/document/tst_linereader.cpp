@@ -75,11 +75,14 @@ class TestLineReader : public QObject
 };
 
 // The inputs, each read from a buffer (whole blocks per read) and from a
-// device that hands over 7 bytes per read.
-void addInputs()
+// device that hands over 7 bytes per read; with sets of first bytes, each
+// of those again with every set.
+void addInputs(const QList<QByteArray>& firstByteSets = {})
 {
     QTest::addColumn<QByteArray>("input");
     QTest::addColumn<qint64>("piece");
+    if (!firstByteSets.isEmpty())
+        QTest::addColumn<QByteArray>("firstByteSet");
 
     QByteArray longLines;
     longLines += "%first\n";
@@ -92,6 +95,12 @@ void addInputs()
     for (int i = 0; i < 60000; ++i)
         shortLines += (i % 7 == 0 ? "%%Page: " : "body ") + QByteArray::number(i) + '\n';
 
+    // Lines of many lengths, beginning with bytes of the sets below and others.
+    QByteArray mixedLines;
+    const QByteArray firsts("%x\0ab\n", 6);
+    for (int i = 0; i < 20000; ++i)
+        mixedLines += firsts.at(i * 7 % firsts.size()) + QByteArray(i * 13 % 90, 'm') + '\n';
+
     const QList<QPair<const char*, QByteArray>> inputs = {
         {"empty", QByteArray()},
         {"one newline", QByteArray("\n")},
@@ -102,10 +111,19 @@ void addInputs()
         {"NUL bytes", QByteArray("%a\0b\n\0%c\n%\0\n", 12)},
         {"lines around and beyond a block", longLines},
         {"many short lines", shortLines},
+        {"mixed lines", mixedLines},
     };
     for (const auto& input : inputs) {
-        QTest::addRow("%s, whole blocks", input.first) << input.second << qint64(0);
-        QTest::addRow("%s, 7 bytes a read", input.first) << input.second << qint64(7);
+        for (const qint64 piece : {0, 7}) {
+            const char* reads = piece == 0 ? "whole blocks" : "7 bytes a read";
+            if (firstByteSets.isEmpty()) {
+                QTest::addRow("%s, %s", input.first, reads) << input.second << piece;
+                continue;
+            }
+            for (const QByteArray& set : firstByteSets)
+                QTest::addRow("%s, %s, first bytes %s", input.first, reads, set.toHex().constData())
+                    << input.second << piece << set;
+        }
     }
 }
 
@@ -179,7 +197,8 @@ void TestLineReader::readLines()
 
 void TestLineReader::readLineBeginningWith_data()
 {
-    addInputs();
+    // One byte, searched for by itself; several, searched for line by line.
+    addInputs({QByteArray("%"), QByteArray("%\0", 2), QByteArray("xb")});
 }
 
 void TestLineReader::readLineBeginningWith()
@@ -190,13 +209,14 @@ void TestLineReader::readLineBeginningWith()
     const auto device = openDevice(input, piece, storage);
     LineReader reader(*device);
 
-    // The lines that begin with "%" or NUL, each with the number of lines
-    // passed over before it; then the lines passed over at the end.
-    const ByteSet firstBytes(std::string_view("%\0", 2));
+    // The lines that begin with a byte of the set, each with the number of
+    // lines passed over before it; then the lines passed over at the end.
+    QFETCH(QByteArray, firstByteSet);
+    const ByteSet firstBytes(std::string_view(firstByteSet.constData(), size_t(firstByteSet.size())));
     QList<QPair<qint64, QByteArray>> expected;
     qint64 passed = 0;
     for (const QByteArray& line : splitLines(input)) {
-        if (line.startsWith('%') || line.startsWith('\0')) {
+        if (firstByteSet.contains(line.at(0))) {
             expected.append({passed, line});
             passed = 0;
         } else {
