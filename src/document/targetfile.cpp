@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <system_error>
 #include <sys/stat.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -45,6 +46,15 @@ TargetFile::TargetFile(const QString& name, bool replaceWhole)
 
 TargetFile::~TargetFile()
 {
+    if (m_writer.joinable()) {
+        waitForWriting();
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_closing = true;
+        }
+        m_changed.notify_all();
+        m_writer.join();
+    }
     m_file.close();
     if (!m_temporaryName.isEmpty())
         ::unlink(m_temporaryName.constData());
@@ -89,10 +99,66 @@ QIODevice& TargetFile::device()
 
 void TargetFile::writePending()
 {
+    waitForWriting();
     if (!m_writeFailed && !m_pending.isEmpty())
         m_writeFailed = m_file.write(m_pending) != m_pending.size();
     m_pending.resize(0);
     m_buffer.seek(0);
+}
+
+void TargetFile::writeInBackground()
+{
+    waitForWriting();
+    if (m_writeFailed) {
+        m_pending.resize(0);
+        m_buffer.seek(0);
+        return;
+    }
+    if (!m_writer.joinable()) {
+        try {
+            m_writer = std::thread(&TargetFile::writeHandedBuffers, this);
+        } catch (const std::system_error&) {
+            // No thread to be had (a tight memory limit): written here.
+            writePending();
+            return;
+        }
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_handed.swap(m_pending);
+        m_writing = true;
+    }
+    m_changed.notify_all();
+    // The buffer goes on in the storage of the bytes written before.
+    m_pending.resize(0);
+    m_pending.reserve(2 * SpillSize);
+    m_buffer.seek(0);
+}
+
+void TargetFile::waitForWriting()
+{
+    if (!m_writer.joinable())
+        return;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_writing; });
+}
+
+void TargetFile::writeHandedBuffers()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [this] { return m_writing || m_closing; });
+        if (!m_writing)
+            return;
+        lock.unlock();
+        // The other thread leaves the file and the failure flag alone until
+        // this write has ended.
+        if (m_file.write(m_handed) != m_handed.size())
+            m_writeFailed = true;
+        lock.lock();
+        m_writing = false;
+        m_changed.notify_all();
+    }
 }
 
 void TargetFile::append(QFile& source)

@@ -6,6 +6,10 @@
 #include <QFile>
 #include <QString>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 // Writes one file of the run. Replaced as a whole, it is written to a
 // temporary file beside it that commit() renames over it, so that a run that
 // fails before leaves it as it was (the temporary file goes with this object);
@@ -19,6 +23,8 @@
 //
 // What is written collects in memory and goes to the file in large writes,
 // each one checked: by spill() once a mebibyte has gathered, and by flush().
+// A spilled mebibyte is written by a thread of the object's own while the
+// next one gathers; everything else waits for that write to end first.
 class TargetFile
 {
 public:
@@ -40,7 +46,7 @@ public:
     void spill()
     {
         if (m_pending.size() >= SpillSize)
-            writePending();
+            writeInBackground();
     }
 
     // Appends the rest of an open file: what has collected goes out first,
@@ -63,6 +69,12 @@ private:
     // Writes the collected bytes to the file and empties the buffer; a write
     // that fails is remembered, and nothing more goes to the file after it.
     void writePending();
+    // Hands the collected bytes to the writing thread and empties the buffer.
+    void writeInBackground();
+    // Waits until the writing thread has written what it was handed.
+    void waitForWriting();
+    // The writing thread: writes each buffer it is handed.
+    void writeHandedBuffers();
     // Appends the rest of a file through the buffer.
     void appendByPieces(QFile& source);
 
@@ -73,4 +85,11 @@ private:
     QByteArray m_pending;
     QBuffer m_buffer;
     bool m_writeFailed = false;
+
+    std::thread m_writer;               // started by the first spill
+    std::mutex m_mutex;                 // guards the three members below
+    std::condition_variable m_changed;
+    QByteArray m_handed;                // the bytes the writing thread writes
+    bool m_writing = false;             // true from hand-over to written
+    bool m_closing = false;             // asks the writing thread to end
 };
