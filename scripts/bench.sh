@@ -24,7 +24,9 @@
 # The tools run interleaved, each round in another order, all the same way:
 # through /usr/bin/time (peak RSS) with a minimal environment, wall time taken
 # around that. The tables show medians over the rounds. Nothing is written
-# outside a temporary folder, and /etc/cups is not touched.
+# outside a temporary folder, and /etc/cups is not touched. With KEEP_BENCH=1
+# in the environment the folder stays, with every run's seconds and peak RSS
+# in its LABEL.runs files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -72,7 +74,7 @@ for tool in "$quillet" "$backend" "$pstops" "$gstopdf" /usr/bin/time /usr/bin/en
 done
 
 work=$(mktemp -d /tmp/quillet-bench.XXXXXX)
-trap 'rm -rf "$work"' EXIT
+trap '[ -n "${KEEP_BENCH:-}" ] || rm -rf "$work"' EXIT
 # The marking account of the queue part reaches its job's folders below here.
 chmod 0711 "$work"
 # The verdicts of all targets, printed at the end.
@@ -132,11 +134,14 @@ seconds_between() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.6f", b - a }'; }
 # $work/LABEL.runs. Standard output goes to OUTPUT. The output files of
 # earlier runs are removed before the clock starts: each tool writes a new
 # file, as in a print queue, and none pays for freeing another run's file.
+# What earlier runs left to go to the disk goes there first, so that no run
+# shares the machine with the disk writes of another.
 run() {
     local label=$1 output=$2
     shift 2
     local start end
     rm -f "$work/out-quillet.ps" "$work/out-pstops.ps" "$work/out-floor"
+    sync
     start=$EPOCHREALTIME
     /usr/bin/time -f '%M' -o "$work/rss" "${environment[@]}" "$@" >"$output" 2>"$work/stderr" </dev/null ||
         { echo "bench: $label failed:" >&2; cat "$work/stderr" >&2; exit 1; }
