@@ -88,6 +88,7 @@ enum class Breakage {
     NotMarked,
     NoSuchQueue,
     AnonymousJobs,
+    ServerTakesNoPasswords,
     BackPagesWithoutDuplex,
     PrinterSilent,
     PrinterTakesNothing,
@@ -508,6 +509,11 @@ void TestQueueAdmin::brokenSetupGivesItsProblem_data()
     QTest::newRow("jobs from anyone")
         << int(Breakage::AnonymousJobs)
         << "takes jobs from users who did not authenticate (operation policy default)";
+    // The marked queues' policy asks for AuthType Default: under None the
+    // server lets anyone submit without a password.
+    QTest::newRow("server that takes no password")
+        << int(Breakage::ServerTakesNoPasswords)
+        << "takes jobs from users who did not authenticate (operation policy quillet)";
     QTest::newRow("back pages without a duplexer")
         << int(Breakage::BackPagesWithoutDuplex)
         << "the queue prints back pages, which needs two-sided printing";
@@ -531,6 +537,8 @@ void TestQueueAdmin::brokenSetupGivesItsProblem()
 
     const QByteArray siteKey = readFile(m_siteKey);
     const QString keyLine = QStringLiteral("MarkerPageCodeKey=%1");
+    const QString serverConfigurationFile = m_server.serverRoot() + QStringLiteral("/cupsd.conf");
+    QByteArray serverConfiguration; // as it was, when a case changes it
     switch (Breakage(breakage)) {
     case Breakage::TemplateMissing:
         QVERIFY(QFile::remove(queueFile(queue, ".tmpl")));
@@ -592,6 +600,16 @@ void TestQueueAdmin::brokenSetupGivesItsProblem()
         QVERIFY2(changed.exitCode == 0, changed.standardError.constData());
         break;
     }
+    case Breakage::ServerTakesNoPasswords: {
+        // Edited by hand after create set it to Basic; the server reads the
+        // file afresh when asked for it.
+        serverConfiguration = readFile(serverConfigurationFile);
+        QVERIFY(serverConfiguration.contains("\nDefaultAuthType Basic\n"));
+        QVERIFY(writeFile(serverConfigurationFile, QByteArray(serverConfiguration)
+                                                       .replace("\nDefaultAuthType Basic\n",
+                                                                "\nDefaultAuthType None\n")));
+        break;
+    }
     case Breakage::BackPagesWithoutDuplex: {
         QByteArray variables = readFile(queueFile(queue, ".vars"));
         m_server.writeConfig(QStringLiteral("quillet/") + queue + QStringLiteral(".vars"),
@@ -639,6 +657,8 @@ void TestQueueAdmin::brokenSetupGivesItsProblem()
     const RunResult checked = queueCommand({QStringLiteral("check"), queue});
 
     // The site-wide files as the other cases need them.
+    if (!serverConfiguration.isEmpty())
+        QVERIFY(writeFile(serverConfigurationFile, serverConfiguration));
     m_server.writeSiteDefinitions(keyLine.arg(m_siteKey).toUtf8());
     QVERIFY(writeFile(m_siteKey, siteKey));
     QVERIFY(QFile::setPermissions(m_siteKey, QFile::ReadOwner | QFile::WriteOwner));
