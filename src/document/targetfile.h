@@ -42,7 +42,8 @@ public:
     // The device to write to, once open: the collecting buffer.
     QIODevice& device();
 
-    // Writes out what has collected when it is a mebibyte or more.
+    // Hands what has collected to the writing thread when it is a mebibyte
+    // or more.
     void spill()
     {
         if (m_pending.size() >= SpillSize)
@@ -66,8 +67,9 @@ public:
 private:
     static constexpr int SpillSize = 1 << 20;
 
-    // Writes the collected bytes to the file and empties the buffer; a write
-    // that fails is remembered, and nothing more goes to the file after it.
+    // Once the writing thread is done, writes the collected bytes to the
+    // file and empties the buffer; a write that fails is remembered, and
+    // nothing more goes to the file after it.
     void writePending();
     // Hands the collected bytes to the writing thread and empties the buffer.
     void writeInBackground();
@@ -84,7 +86,7 @@ private:
     QFile m_file;               // the file written: the named or the temporary one
     QByteArray m_pending;
     QBuffer m_buffer;
-    bool m_writeFailed = false;
+    bool m_writeFailed = false; // also set by the writing thread, while it writes
 
     std::thread m_writer;               // started by the first spill
     std::mutex m_mutex;                 // guards the three members below
