@@ -67,6 +67,10 @@
         <translation>В файле %1 не найдено ни одной страницы</translation>
     </message>
     <message>
+        <source>The document has a line longer than %1 bytes, which cannot be read</source>
+        <translation>В документе есть строка длиннее %1 байт, её невозможно прочитать</translation>
+    </message>
+    <message>
         <source>Can not open marker font file %1</source>
         <translation>Не удаётся открыть файл шрифта маркера %1</translation>
     </message>

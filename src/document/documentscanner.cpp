@@ -238,6 +238,8 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
         }
         ++counter;
     }
+    if (input.failed())
+        return longLineFailure();
     unclosedBegins = openBegins;
 
     // Print-safe: pages without any "%%PageTrailer" keep the rule below (with
@@ -272,6 +274,13 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
 }
 
 } // namespace
+
+Status longLineFailure()
+{
+    return Status::failure(
+        QCoreApplication::translate("Quillet", "The document has a line longer than %1 bytes, which cannot be read")
+            .arg(MaxLineSize));
+}
 
 Status Quillet::scanDocument(QIODevice& input, DocumentModel& model)
 {

@@ -554,6 +554,8 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     }
     copyRest(reader, outputTarget, duplex ? 2 * pageCount : outputPages, safeOutput);
     in.close();
+    if (reader.failed())
+        return longLineFailure();
 
     // Every byte is out before anything replaces the originals.
     if (!outputTarget.flush())

@@ -89,10 +89,10 @@ const char* ByteSet::findLineStart(const char* begin, const char* end) const
     return nullptr;
 }
 
-LineReader::LineReader(QIODevice& device) : m_device(device)
+LineReader::LineReader(QIODevice& device, int maxLineSize) : m_device(device), m_maxLineSize(maxLineSize)
 {
     // Not filled in: the memory is touched only as far as the input reaches.
-    m_block.resize(BlockSize);
+    m_block.resize(qMin(BlockSize, maxLineSize));
 }
 
 bool LineReader::fill()
@@ -105,8 +105,17 @@ bool LineReader::fill()
         m_start = 0;
         m_end = unread;
     }
-    if (m_end == m_block.size())
-        m_block.resize(2 * m_block.size());
+    if (m_end == m_block.size()) {
+        // One line fills the block.
+        if (m_block.size() >= m_maxLineSize) {
+            // Longer than the reader holds, unless the input ends here.
+            char next = 0;
+            m_failed = m_device.read(&next, 1) > 0;
+            m_deviceAtEnd = true;
+            return false;
+        }
+        m_block.resize(int(qMin(2 * qint64(m_block.size()), qint64(m_maxLineSize))));
+    }
     const qint64 got = m_device.read(m_block.data() + m_end, m_block.size() - m_end);
     if (got <= 0) {
         m_deviceAtEnd = true;

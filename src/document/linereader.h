@@ -31,15 +31,23 @@ class ByteSet
     int m_onlyMember = -1; // the byte value when the set has one member
 };
 
+// The longest line that a line reader holds by default: a gibibyte.
+inline constexpr int MaxLineSize = 1 << 30;
+
 // Splits what a device holds into lines: each ends with its "\n", the last
 // one may lack it. Only "\n" ends a line; CR and NUL bytes are line content.
 // The device is read from its current position in blocks of a mebibyte; a
-// line longer than that grows the block until it fits. A view stays valid
-// until the next call that reads.
+// line longer than that grows the block until it fits, up to the longest
+// line the reader holds. A longer line ends the reading there, as if the
+// input ended, and failed() tells it. A view stays valid until the next
+// call that reads.
 class LineReader
 {
   public:
-    explicit LineReader(QIODevice& device);
+    explicit LineReader(QIODevice& device, int maxLineSize = MaxLineSize);
+
+    // Whether the reading ended at a line longer than the reader holds.
+    bool failed() const { return m_failed; }
 
     // The next line, or an empty view at the end of the input.
     std::string_view readLine();
@@ -66,8 +74,10 @@ class LineReader
     bool passLine(qint64& skipped);
 
     QIODevice& m_device;
+    int m_maxLineSize;
     QByteArray m_block;
     int m_start = 0;
     int m_end = 0;
     bool m_deviceAtEnd = false;
+    bool m_failed = false;
 };

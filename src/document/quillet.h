@@ -31,7 +31,8 @@ public:
   // Scans the input from its start into the model and tells the font
   // catalogue which marker fonts the document already carries; leaves the
   // input at its end. A document without pages leaves the model's page
-  // ends empty; the one failure is a marker font file that cannot be opened.
+  // ends empty; the failures are a marker font file that cannot be opened
+  // and a line longer than the reader holds (longLineFailure()).
   Status scanDocument(QIODevice& input, DocumentModel& model);
 };
 
@@ -39,6 +40,9 @@ public:
 // advancing the line counter for each document line read. True when the font
 // file's lines all match.
 bool filesMatch(LineReader& document, QIODevice& fontFile, qint64& lineCounter);
+
+// The failure of a document with a line longer than a line reader holds.
+Status longLineFailure();
 
 // Copies count lines unchanged; nothing when count is 0 or less.
 void copyLines(LineReader& input, TargetFile& output, qint64 count);

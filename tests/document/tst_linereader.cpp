@@ -72,6 +72,8 @@ class TestLineReader : public QObject
     void readLines();
     void readLineBeginningWith_data();
     void readLineBeginningWith();
+    void lineLongerThanTheReaderFails_data();
+    void lineLongerThanTheReaderFails();
 };
 
 // The inputs, each read from a buffer (whole blocks per read) and from a
@@ -236,6 +238,69 @@ void TestLineReader::readLineBeginningWith()
     }
     QCOMPARE(picked, expected);
     QVERIFY(reader.atEnd());
+}
+
+void TestLineReader::lineLongerThanTheReaderFails_data()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<qint64>("piece");
+    QTest::addColumn<int>("linesBefore"); // the lines read whole before the long one
+    QTest::addColumn<bool>("failed");
+
+    const int limit = 4096;
+    const QByteArray first = "%first\n";
+    const QByteArray last = "%last\n";
+    const struct {
+        const char* name;
+        QByteArray input;
+        int linesBefore;
+        bool failed;
+    } inputs[] = {
+        {"a line as long as the limit", first + QByteArray(limit - 1, 'x') + '\n' + last, 3, false},
+        {"a line one byte longer", first + QByteArray(limit, 'x') + '\n' + last, 1, true},
+        {"a line far longer", first + QByteArray(20 * limit, 'x') + '\n' + last, 1, true},
+        {"a last line as long as the limit, without newline", first + QByteArray(limit, 'x'), 2, false},
+        {"a last line one byte longer, without newline", first + QByteArray(limit + 1, 'x'), 1, true},
+    };
+    for (const auto& input : inputs) {
+        for (const qint64 piece : {0, 7})
+            QTest::addRow("%s, %s", input.name, piece == 0 ? "whole blocks" : "7 bytes a read")
+                << input.input << piece << input.linesBefore << input.failed;
+    }
+}
+
+// With a limit of 4096 bytes: a longer line ends the reading, which says it
+// failed, whether lines are read one by one or picked by their first byte;
+// lines up to the limit are read whole.
+void TestLineReader::lineLongerThanTheReaderFails()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(qint64, piece);
+    QFETCH(int, linesBefore);
+    QFETCH(bool, failed);
+    const int limit = 4096;
+    const QList<QByteArray> expected = splitLines(input).mid(0, linesBefore);
+
+    QByteArray storage;
+    auto device = openDevice(input, piece, storage);
+    LineReader lines(*device, limit);
+    QList<QByteArray> read;
+    for (std::string_view line = lines.readLine(); !line.empty(); line = lines.readLine())
+        read.append(toBytes(line));
+    QCOMPARE(read.mid(0, linesBefore), expected);
+    QCOMPARE(lines.failed(), failed);
+    if (!failed)
+        QCOMPARE(read, splitLines(input));
+
+    device = openDevice(input, piece, storage);
+    LineReader picked(*device, limit);
+    const ByteSet firstBytes("%");
+    qint64 skipped = 0;
+    QCOMPARE(toBytes(picked.readLineBeginningWith(firstBytes, skipped)), expected.first());
+    const QByteArray second = toBytes(picked.readLineBeginningWith(firstBytes, skipped));
+    QCOMPARE(picked.failed(), failed);
+    if (!failed)
+        QCOMPARE(second, input.endsWith("%last\n") ? QByteArray("%last\n") : QByteArray());
 }
 
 QTEST_GUILESS_MAIN(TestLineReader)
