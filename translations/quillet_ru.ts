@@ -71,6 +71,10 @@
         <translation>В документе есть строка длиннее %1 байт, её невозможно прочитать</translation>
     </message>
     <message>
+        <source>The document cannot be read to its end</source>
+        <translation>Документ невозможно прочитать до конца</translation>
+    </message>
+    <message>
         <source>Can not open marker font file %1</source>
         <translation>Не удаётся открыть файл шрифта маркера %1</translation>
     </message>

@@ -239,7 +239,7 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
         ++counter;
     }
     if (input.failed())
-        return longLineFailure();
+        return readingFailure(input);
     unclosedBegins = openBegins;
 
     // Print-safe: pages without any "%%PageTrailer" keep the rule below (with
@@ -275,11 +275,13 @@ Status scanLines(LineReader& input, DocumentModel& model, const QList<qint64>& i
 
 } // namespace
 
-Status longLineFailure()
+Status readingFailure(const LineReader& reader)
 {
-    return Status::failure(
-        QCoreApplication::translate("Quillet", "The document has a line longer than %1 bytes, which cannot be read")
-            .arg(MaxLineSize));
+    if (reader.failure() == LineReader::Failure::LongLine)
+        return Status::failure(
+            QCoreApplication::translate("Quillet", "The document has a line longer than %1 bytes, which cannot be read")
+                .arg(MaxLineSize));
+    return Status::failure(QCoreApplication::translate("Quillet", "The document cannot be read to its end"));
 }
 
 Status Quillet::scanDocument(QIODevice& input, DocumentModel& model)

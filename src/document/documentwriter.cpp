@@ -555,7 +555,7 @@ Status Quillet::process(const QString& input, const QString& templateFile, const
     copyRest(reader, outputTarget, duplex ? 2 * pageCount : outputPages, safeOutput);
     in.close();
     if (reader.failed())
-        return longLineFailure();
+        return readingFailure(reader);
 
     // Every byte is out before anything replaces the originals.
     if (!outputTarget.flush())

@@ -1,6 +1,7 @@
 // Reads a document's lines in large blocks and hands them out as views.
 #include "document/linereader.h"
 
+#include <QFileDevice>
 #include <QIODevice>
 
 #include <algorithm>
@@ -110,7 +111,8 @@ bool LineReader::fill()
         if (m_block.size() >= m_maxLineSize) {
             // Longer than the reader holds, unless the input ends here.
             char next = 0;
-            m_failed = m_device.read(&next, 1) > 0;
+            if (m_device.read(&next, 1) > 0)
+                m_failure = Failure::LongLine;
             m_deviceAtEnd = true;
             return false;
         }
@@ -118,6 +120,10 @@ bool LineReader::fill()
     }
     const qint64 got = m_device.read(m_block.data() + m_end, m_block.size() - m_end);
     if (got <= 0) {
+        // A file says whether it ended or failed; other devices only end.
+        const auto* file = qobject_cast<const QFileDevice*>(&m_device);
+        if (got < 0 && file && file->error() != QFileDevice::NoError)
+            m_failure = Failure::ReadError;
         m_deviceAtEnd = true;
         return false;
     }

@@ -38,16 +38,18 @@ inline constexpr int MaxLineSize = 1 << 30;
 // one may lack it. Only "\n" ends a line; CR and NUL bytes are line content.
 // The device is read from its current position in blocks of a mebibyte; a
 // line longer than that grows the block until it fits, up to the longest
-// line the reader holds. A longer line ends the reading there, as if the
-// input ended, and failed() tells it. A view stays valid until the next
-// call that reads.
+// line the reader holds. A longer line, or a file that reports a read error,
+// ends the reading there as if the input ended, and failure() tells why. A
+// view stays valid until the next call that reads.
 class LineReader
 {
   public:
     explicit LineReader(QIODevice& device, int maxLineSize = MaxLineSize);
 
-    // Whether the reading ended at a line longer than the reader holds.
-    bool failed() const { return m_failed; }
+    // Why the reading ended before the input did, if it did.
+    enum class Failure { None, LongLine, ReadError };
+    Failure failure() const { return m_failure; }
+    bool failed() const { return m_failure != Failure::None; }
 
     // The next line, or an empty view at the end of the input.
     std::string_view readLine();
@@ -79,5 +81,5 @@ class LineReader
     int m_start = 0;
     int m_end = 0;
     bool m_deviceAtEnd = false;
-    bool m_failed = false;
+    Failure m_failure = Failure::None;
 };

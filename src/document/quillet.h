@@ -32,7 +32,7 @@ public:
   // catalogue which marker fonts the document already carries; leaves the
   // input at its end. A document without pages leaves the model's page
   // ends empty; the failures are a marker font file that cannot be opened
-  // and a line longer than the reader holds (longLineFailure()).
+  // and a document that cannot be read to its end (readingFailure()).
   Status scanDocument(QIODevice& input, DocumentModel& model);
 };
 
@@ -41,8 +41,9 @@ public:
 // file's lines all match.
 bool filesMatch(LineReader& document, QIODevice& fontFile, qint64& lineCounter);
 
-// The failure of a document with a line longer than a line reader holds.
-Status longLineFailure();
+// The failure of a document that a line reader could not read to its end
+// (LineReader::failed()).
+Status readingFailure(const LineReader& reader);
 
 // Copies count lines unchanged; nothing when count is 0 or less.
 void copyLines(LineReader& input, TargetFile& output, qint64 count);

@@ -20,6 +20,8 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <fcntl.h>
+
 namespace {
 
 using Positions = QList<qint64>;
@@ -123,6 +125,7 @@ private slots:
     void documentFontResources_data();
     void documentFontResources();
     void missingFontFileIsFatal();
+    void unreadableDocumentIsFatal();
     void refilteredDocumentCarriesEachFontOnce_data();
     void refilteredDocumentCarriesEachFontOnce();
 
@@ -447,6 +450,20 @@ void TestDocumentScanner::missingFontFileIsFatal()
     QVERIFY(QFileInfo::exists(tree.path(QStringLiteral("job/out.ps"))));
     QCOMPARE(tree.read(QStringLiteral("job/out.ps")), QByteArray());
     QCOMPARE(tree.read(QStringLiteral("job/vars")), QByteArray());
+}
+
+// A document whose reading fails (here a folder, which the system lets open
+// but not read) is not taken for one that ends there.
+void TestDocumentScanner::unreadableDocumentIsFatal()
+{
+    const int folder = ::open("/", O_RDONLY | O_CLOEXEC);
+    QVERIFY(folder != -1);
+    QFile input;
+    QVERIFY(input.open(folder, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle));
+    DocumentModel model;
+    const Status scanned = Quillet().scanDocument(input, model);
+    QVERIFY(!scanned.ok());
+    QCOMPARE(scanned.message(), QStringLiteral("The document cannot be read to its end"));
 }
 
 // With print-safe output the page structure follows the document's own

@@ -5,8 +5,12 @@
 #include "document/linereader.h"
 
 #include <QBuffer>
+#include <QFile>
 #include <QList>
+#include <QTemporaryFile>
 #include <QTest>
+
+#include <fcntl.h>
 
 #include <memory>
 
@@ -74,6 +78,7 @@ class TestLineReader : public QObject
     void readLineBeginningWith();
     void lineLongerThanTheReaderFails_data();
     void lineLongerThanTheReaderFails();
+    void readErrorFails();
 };
 
 // The inputs, each read from a buffer (whole blocks per read) and from a
@@ -288,7 +293,7 @@ void TestLineReader::lineLongerThanTheReaderFails()
     for (std::string_view line = lines.readLine(); !line.empty(); line = lines.readLine())
         read.append(toBytes(line));
     QCOMPARE(read.mid(0, linesBefore), expected);
-    QCOMPARE(lines.failed(), failed);
+    QCOMPARE(lines.failure(), failed ? LineReader::Failure::LongLine : LineReader::Failure::None);
     if (!failed)
         QCOMPARE(read, splitLines(input));
 
@@ -301,6 +306,29 @@ void TestLineReader::lineLongerThanTheReaderFails()
     QCOMPARE(picked.failed(), failed);
     if (!failed)
         QCOMPARE(second, input.endsWith("%last\n") ? QByteArray("%last\n") : QByteArray());
+}
+
+// A file that fails to read (a folder, which opens but cannot be read) ends
+// the reading with a read error; a file read to its end does not.
+void TestLineReader::readErrorFails()
+{
+    const int folder = ::open("/", O_RDONLY | O_CLOEXEC);
+    QVERIFY(folder != -1);
+    QFile unreadable;
+    QVERIFY(unreadable.open(folder, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle));
+    LineReader failing(unreadable);
+    QVERIFY(failing.readLine().empty());
+    QCOMPARE(failing.failure(), LineReader::Failure::ReadError);
+
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    QCOMPARE(file.write("%a\nb\n"), qint64(5));
+    QVERIFY(file.seek(0));
+    LineReader whole(file);
+    QCOMPARE(toBytes(whole.readLine()), QByteArray("%a\n"));
+    QCOMPARE(toBytes(whole.readLine()), QByteArray("b\n"));
+    QVERIFY(whole.readLine().empty());
+    QCOMPARE(whole.failure(), LineReader::Failure::None);
 }
 
 QTEST_GUILESS_MAIN(TestLineReader)
