@@ -816,19 +816,20 @@ bool JobRun::choosePrinterOutput(QString* error)
 bool JobRun::verifyUser(const QString& serverRoot, QString* error)
 {
     QByteArray cupsdConf;
-    QByteArray printersConf;
     QFile cupsd(serverRoot + QStringLiteral("/cupsd.conf"));
-    QFile printers(serverRoot + QStringLiteral("/printers.conf"));
     if (cupsd.open(QIODevice::ReadOnly))
         cupsdConf = cupsd.readAll();
-    if (printers.open(QIODevice::ReadOnly))
-        printersConf = printers.readAll();
     // Under the print server, the queue's policy is the one it applies now;
     // a server that does not say leaves the name unverified. Run by hand,
     // the backend reads printers.conf.
     bool known = true;
-    const QString policy = qEnvironmentVariableIsSet("CUPS_SERVER") ? runningQueueOpPolicy(m_queue, &known)
-                                                                    : queueOpPolicy(printersConf, m_queue);
+    QString policy;
+    if (qEnvironmentVariableIsSet("CUPS_SERVER")) {
+        policy = runningQueueOpPolicy(m_queue, &known);
+    } else {
+        QFile printers(serverRoot + QStringLiteral("/printers.conf"));
+        policy = queueOpPolicy(printers.open(QIODevice::ReadOnly) ? printers.readAll() : QByteArray(), m_queue);
+    }
     if (!known)
         message(QStringLiteral("WARNING: quillet: the print server does not tell the policy of queue %1; "
                                "the user's name counts as not verified")

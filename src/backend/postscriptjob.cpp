@@ -74,13 +74,24 @@ bool copyUpToMarkerFonts(QIODevice& copy, QIODevice& stream, QByteArray* markerF
             continue;
         }
         QByteArray fonts = piece + next;
-        QByteArray more;
-        do {
-            more = copy.readLine();
-            fonts += more;
-        } while (!more.isEmpty() && !Insertions::isEnd(more));
-        if (more.isEmpty())
-            return false; // an insertion without its end
+        // A later copy's fonts, the same as the first copy's, are passed
+        // over whole.
+        if (!markerFonts->isEmpty() && markerFonts->startsWith(fonts)) {
+            const qint64 rest = markerFonts->size() - fonts.size();
+            if (copy.peek(rest) == markerFonts->mid(fonts.size()))
+                return copy.skip(rest) == rest;
+        }
+        // The insertion up to its end line, read into the buffer.
+        atLineStart = next.endsWith('\n');
+        for (bool ended = false; !ended;) {
+            const qint64 more = copy.readLine(buffer.data(), BlockSize);
+            if (more <= 0)
+                return false; // an insertion without its end
+            const QByteArray line = QByteArray::fromRawData(buffer.constData(), int(more));
+            fonts += line;
+            ended = atLineStart && Insertions::isEnd(line);
+            atLineStart = line.endsWith('\n');
+        }
         if (markerFonts->isEmpty())
             *markerFonts = fonts;
         else if (fonts == *markerFonts)
